@@ -1,0 +1,566 @@
+#include "kds/util/Sortutils.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <limits>
+#include <numeric>
+#include <random>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kds/platform/Errors.h"
+#include "kds/platform/Process.h"
+#include "kds/util/Mergesort.h"
+#include "tests/support/Allocfail.h"
+#include "tests/support/Seed.h"
+
+namespace kds {
+namespace {
+
+// A process with as many processors and such a command line as a test wants.
+class TFakeProcess final : public IProcess {
+public:
+    explicit TFakeProcess(std::int32_t processors, std::vector<std::u16string> parameters = {})
+        : fProcessors(processors), fParameters(std::move(parameters)) {
+        SetProcess(this);
+        ForgetMaxSortingThreads();
+    }
+    ~TFakeProcess() override {
+        SetProcess(nullptr);
+        ForgetMaxSortingThreads();
+    }
+    std::vector<std::u16string> Parameters() override { return fParameters; }
+    std::int32_t ProcessorCount() override { return fProcessors; }
+
+private:
+    std::int32_t fProcessors;
+    std::vector<std::u16string> fParameters;
+};
+
+// The items sorted: pointers to keys, which stand in the order the items came in.
+using TKeys = std::vector<std::int32_t>;
+using TPointers = std::vector<void*>;
+
+TPointers PointersTo(TKeys& keys) {
+    TPointers pointers;
+    pointers.reserve(keys.size());
+    for (std::int32_t& key : keys) pointers.push_back(&key);
+    return pointers;
+}
+
+std::int32_t Key(const void* item) { return *static_cast<const std::int32_t*>(item); }
+
+TPointers StablySorted(TPointers items) {
+    std::stable_sort(items.begin(), items.end(),
+                     [](const void* a, const void* b) { return Key(a) < Key(b); });
+    return items;
+}
+
+bool SameItems(TPointers a, TPointers b) {
+    std::sort(a.begin(), a.end());
+    std::sort(b.begin(), b.end());
+    return a == b;
+}
+
+// Counts its calls, from any thread, and raises at one of them when it is told to.
+class TCounting {
+public:
+    explicit TCounting(std::int64_t raiseAt = 0) : fRaiseAt(raiseAt) {}
+    std::int32_t Compare(void* a, void* b) {
+        if (++Calls == fRaiseAt) throw std::runtime_error("at this very call");
+        return Key(a) < Key(b) ? -1 : Key(a) > Key(b) ? 1 : 0;
+    }
+    TComparator Bound() { return TComparator::Bind<&TCounting::Compare>(this); }
+
+    std::atomic<std::int64_t> Calls = 0;
+
+private:
+    std::int64_t fRaiseAt;
+};
+
+void MergeAll(TPointers& items, TComparator compare, std::int32_t maxThreads = 1) {
+    MergeSortList(items.data(), 0, static_cast<std::int32_t>(items.size()) - 1, compare,
+                  maxThreads);
+}
+
+// --- Results -----------------------------------------------------------------------------------
+
+struct TPattern {
+    const char* Name;
+    std::int32_t (*Key)(std::int32_t index, std::int32_t count, std::mt19937& random);
+};
+std::int32_t Below(std::mt19937& random, std::int32_t limit) {
+    return static_cast<std::int32_t>(random() % static_cast<std::uint32_t>(limit));
+}
+constexpr TPattern Patterns[] = {
+    {"Random", [](std::int32_t, std::int32_t, std::mt19937& r) { return Below(r, 1 << 30); }},
+    {"FewKeys", [](std::int32_t, std::int32_t, std::mt19937& r) { return Below(r, 5); }},
+    {"AllEqual", [](std::int32_t, std::int32_t, std::mt19937&) { return 7; }},
+    {"Ascending", [](std::int32_t i, std::int32_t, std::mt19937&) { return i; }},
+    {"Descending", [](std::int32_t i, std::int32_t n, std::mt19937&) { return n - i; }},
+    {"DescendingPairs", [](std::int32_t i, std::int32_t n, std::mt19937&) { return (n - i) / 2; }},
+    {"OrganPipe", [](std::int32_t i, std::int32_t n, std::mt19937&) { return std::min(i, n - i); }},
+    {"SawTeeth", [](std::int32_t i, std::int32_t, std::mt19937&) { return i % 100; }},
+    // The merges gallop: one side wins in blocks.
+    {"LongBlocks", [](std::int32_t i, std::int32_t n, std::mt19937&) { return i / 40 * 7919 % n; }},
+    {"NearlySorted", [](std::int32_t i, std::int32_t n,
+                        std::mt19937& r) { return Below(r, 20) == 0 ? Below(r, n) : i; }},
+    {"TailUnsorted", [](std::int32_t i, std::int32_t n,
+                        std::mt19937& r) { return i < n - n / 10 ? i : Below(r, n); }},
+};
+
+class TSortPatternTest : public testing::TestWithParam<TPattern> {};
+
+TEST_P(TSortPatternTest, GivesWhatTheStandardStableSortGives) {
+    const std::uint32_t seed = support::Seed();
+    SCOPED_TRACE(testing::Message() << "repeat with KDS_TEST_SEED=" << seed);
+    std::mt19937 random(seed);
+    const TFakeProcess process(64);
+    for (const std::int32_t count :
+         {0, 1, 2, 3, 31, 32, 33, 64, 100, 511, 512, 1000, 4099, 16383, 16384, 50'000, 140'000}) {
+        TKeys keys(static_cast<std::size_t>(count));
+        std::int32_t index = 0;
+        for (std::int32_t& key : keys) key = GetParam().Key(index++, count, random);
+        const TPointers unsorted = PointersTo(keys);
+        const TPointers expected = StablySorted(unsorted);
+        // 5 and 17 chunks leave groups without an upper half; no more than 16 are ever made.
+        for (const std::int32_t threads : {1, 2, 5, 17}) {
+            if (threads > 1 && count < 16384) continue;
+            TPointers items = unsorted;
+            MergeAll(items, TCounting().Bound(), threads);
+            ASSERT_EQ(items, expected) << count << " items, " << threads << " threads";
+        }
+    }
+}
+
+// Values with the comparison inlined take another way through the merge.
+TEST_P(TSortPatternTest, GivesTheSameForItemsSortedAsValues) {
+    struct TValue {
+        std::int32_t Key, Place;
+        bool operator==(const TValue&) const = default;
+    };
+    std::mt19937 random(support::Seed());
+    for (const std::int32_t count : {1, 31, 32, 600, 30'000}) {
+        std::vector<TValue> items;
+        for (std::int32_t i = 0; i < count; ++i) {
+            items.push_back({GetParam().Key(i, count, random), i});
+        }
+        std::vector<TValue> expected = items;
+        std::stable_sort(expected.begin(), expected.end(),
+                         [](const TValue& a, const TValue& b) { return a.Key < b.Key; });
+
+        MergeSort(
+            items.data(), count,
+            [](const TValue& a, const TValue& b) {
+                return a.Key < b.Key   ? std::numeric_limits<std::int32_t>::min()
+                       : a.Key > b.Key ? 1
+                                       : 0;
+            },
+            1);
+
+        ASSERT_EQ(items, expected) << count << " items, seed " << support::Seed();
+    }
+}
+
+TEST_P(TSortPatternTest, TheSmallSortsAgreeOnPartsOfAnArray) {
+    std::mt19937 random(support::Seed());
+    for (const std::int32_t count : {1, 2, 5, 6, 7, 40, 300}) {
+        TKeys keys(static_cast<std::size_t>(count));
+        std::int32_t index = 0;
+        for (std::int32_t& key : keys) key = GetParam().Key(index++, count, random);
+        const TPointers unsorted = PointersTo(keys);
+        // The items outside L..R stay where they are.
+        const std::int32_t L = count / 5;
+        const std::int32_t R = count - 1 - count / 7;
+        const auto expectedWith = [&](auto sort) {
+            TPointers expected = unsorted;
+            sort(expected.begin() + L, expected.begin() + R + 1,
+                 [](const void* a, const void* b) { return Key(a) < Key(b); });
+            return expected;
+        };
+        const TPointers expected = expectedWith([](auto... a) { std::stable_sort(a...); });
+        TCounting counting;
+
+        TPointers inserted = unsorted;
+        InsertSortList(inserted.data(), L, R, counting.Bound());
+        EXPECT_EQ(inserted, expected);
+        EXPECT_TRUE(IsSortedList(inserted.data(), L, R, counting.Bound()));
+
+        // From a sorted first third.
+        const std::int32_t start = L + (R - L) / 3;
+        TPointers searched = unsorted;
+        InsertSortList(searched.data(), L, start - 1, counting.Bound());
+        BinarySortList(searched.data(), L, R, start, counting.Bound());
+        EXPECT_EQ(searched, expected);
+
+        TPointers merged = unsorted;
+        InsertSortList(merged.data(), L, start - 1, counting.Bound());
+        InsertSortList(merged.data(), start, R, counting.Bound());
+        MergeSortedLists(merged.data(), L, R, start, counting.Bound());
+        EXPECT_EQ(merged, expected);
+
+        TPointers quick = unsorted;
+        QuickSortList(quick.data(), L, R, counting.Bound());
+        EXPECT_TRUE(SameItems(quick, unsorted));
+        for (std::size_t i = 0; i < quick.size(); ++i) EXPECT_EQ(Key(quick[i]), Key(expected[i]));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Patterns, TSortPatternTest, testing::ValuesIn(Patterns),
+                         [](const auto& tested) { return std::string(tested.param.Name); });
+
+TEST(TIsSortedListTest, LooksAtTheRangeAndAllowsEqualNeighbours) {
+    TKeys keys = {9, 1, 2, 2, 3, 0};
+    TPointers items = PointersTo(keys);
+    TCounting counting;
+    const TComparator compare = counting.Bound();
+
+    EXPECT_TRUE(IsSortedList(items.data(), 1, 4, compare));
+    EXPECT_FALSE(IsSortedList(items.data(), 0, 1, compare));
+    EXPECT_FALSE(IsSortedList(items.data(), 1, 5, compare));
+    EXPECT_TRUE(IsSortedList(items.data(), 3, 3, compare));
+    EXPECT_TRUE(IsSortedList(items.data(), 3, 2, compare));
+}
+
+// --- Work done ---------------------------------------------------------------------------------
+
+TEST(TMergeSortWorkTest, ComparesOnceForEachNeighbourWhenOneRunIsAll) {
+    for (const std::int32_t count : {2, 31, 32, 5000, 100'000}) {
+        TKeys keys(static_cast<std::size_t>(count));
+        std::iota(keys.begin(), keys.end(), 0);
+        TPointers ascending = PointersTo(keys);
+        TPointers descending(ascending.rbegin(), ascending.rend());
+        TCounting upward;
+        TCounting downward;
+        const std::int64_t allocations = support::Allocations();
+
+        MergeAll(ascending, upward.Bound());
+        MergeAll(descending, downward.Bound());
+
+        EXPECT_EQ(support::Allocations(), allocations);
+        EXPECT_EQ(upward.Calls, count - 1);
+        EXPECT_EQ(downward.Calls, count - 1);
+        EXPECT_EQ(descending, ascending);
+    }
+}
+
+struct TRunsCase {
+    const char* Name;
+    std::vector<std::int32_t> Lengths;
+    const char* Merges;
+};
+
+class TRunsTest : public testing::TestWithParam<TRunsCase> {};
+
+// Run A comes first, and each run lies wholly below the one before. A merge then begins by
+// comparing the first items of its two runs, which nothing else does, and the merged run starts
+// with the first item of the higher one: "CB CA" reads: C with B, then these with A.
+TEST_P(TRunsTest, MeetInTheOrderThatTheirLengthsDemand) {
+    TKeys keys;
+    std::int32_t base = 1 << 30;
+    for (const std::int32_t length : GetParam().Lengths) {
+        base -= 1000;
+        for (std::int32_t i = 0; i < length; ++i) keys.push_back(base + i);
+    }
+    TPointers items = PointersTo(keys);
+    const auto run = [](void* item) {
+        return static_cast<char>('A' + ((1 << 30) - Key(item)) / 1000 - 1);
+    };
+    std::string merges;
+    std::set<void*> merged;  // first items that no longer lead a run
+    auto compare = [&](void* a, void* b) {
+        const bool bothLead = (Key(a) - base) % 1000 == 0 && (Key(b) - base) % 1000 == 0 &&
+                              !merged.contains(a) && !merged.contains(b);
+        if (bothLead) {
+            if (!merges.empty()) merges += ' ';
+            merges += {run(a), run(b)};
+            merged.insert(b);
+        }
+        return Key(a) - Key(b);
+    };
+
+    MergeAll(items, TComparator::BindCall(&compare));
+
+    EXPECT_EQ(merges, GetParam().Merges);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Lengths, TRunsTest,
+    testing::Values(TRunsCase{"TheFourthRunIsNotLookedAt", {120, 80, 25, 20, 30}, "DC ED EB EA"},
+                    TRunsCase{"ThirdEqualsTheSum", {50, 30, 20, 28}, "CB CA DC"},
+                    TRunsCase{"SecondEqualsTheTop", {50, 50, 28}, "BA CB"},
+                    TRunsCase{"ThirdEqualsTheTop", {25, 20, 25}, "CB CA"},
+                    TRunsCase{"ThirdBelowTheTop", {25, 20, 26}, "BA CB"}),
+    [](const auto& tested) { return std::string(tested.param.Name); });
+
+// Lengths of runs that the collapse rule, which never looks at a fourth run, lets pile up to 21
+// on the stack: two more than the largest stack made for arrays of this size would hold.
+constexpr std::int32_t PilingRuns[] = {
+    20205, 17,  16,   18,   34,  74,  158,  316,  632,  1264, 2527, 5055, 10093, 17, 16,
+    18,    34,  74,   158,  316, 632, 1263, 2527, 5037, 17,   16,   18,   34,    74, 158,
+    316,   631, 1263, 2509, 17,  16,  18,   34,   74,   158,  315,  631,  1245,  17, 16,
+    18,    34,  74,   157,  315, 613, 17,   16,   18,   34,   73,   157,  297,   17, 16,
+    18,    34,  74,   137,  21,  19,  38,   58,   19,   18,   20,   16,   5130};
+
+TEST(TMergeSortWorkTest, KeepsRoomForRunsThatPileUp) {
+    TKeys keys;
+    std::int32_t base = 1 << 30;
+    for (const std::int32_t length : PilingRuns) {
+        base -= 1 << 20;  // each run starts below the one before
+        for (std::int32_t i = 0; i < length; ++i) keys.push_back(base + i);
+    }
+    ASSERT_EQ(keys.size(), 65'536u);
+    TPointers items = PointersTo(keys);
+    const TPointers expected = StablySorted(items);
+
+    MergeAll(items, TCounting().Bound());
+
+    EXPECT_EQ(items, expected);
+}
+
+TEST(TMergeSortThreadsTest, StartsNoMoreThanAskedForAndNoneForFewItems) {
+    struct TCase {
+        std::int32_t Processors, Count, MaxThreads;
+        std::size_t Threads;
+    };
+    // The last two: 40 chunks of 8192 are there, and 16 is the most in any case.
+    for (const auto& [processors, count, maxThreads, expected] :
+         {TCase{8, 16'383, 0, 1}, TCase{8, 16'384, 0, 2}, TCase{1, 100'000, 0, 1},
+          TCase{3, 100'000, -1, 3}, TCase{8, 100'000, 2, 2}, TCase{8, 30'000, 0, 3},
+          TCase{64, 330'000, 0, 16}, TCase{64, 330'000, 20, 16}}) {
+        const TFakeProcess process(processors);
+        TKeys keys(static_cast<std::size_t>(count));
+        std::iota(keys.begin(), keys.end(), 0);
+        TPointers items = PointersTo(keys);
+        std::array<std::atomic<std::thread::id>, 32> seen{};
+        std::atomic<bool> flagged = true;
+        auto compare = [&](void* a, void* b) {
+            const std::thread::id self = std::this_thread::get_id();
+            for (auto& slot : seen) {
+                std::thread::id free{};
+                if (slot == self || slot.compare_exchange_strong(free, self) || free == self) break;
+            }
+            if (InParallelSort != (expected > 1)) flagged = false;
+            return Key(a) < Key(b) ? -1 : Key(a) > Key(b) ? 1 : 0;
+        };
+
+        MergeAll(items, TComparator::BindCall(&compare), maxThreads);
+
+        std::set<std::thread::id> threads(seen.begin(), seen.end());
+        threads.erase(std::thread::id{});
+        EXPECT_EQ(threads.size(), expected) << count << " items";
+        EXPECT_TRUE(threads.contains(std::this_thread::get_id()));
+        EXPECT_TRUE(flagged);
+        EXPECT_FALSE(InParallelSort);
+        EXPECT_EQ(items, StablySorted(items));
+    }
+}
+
+struct TSwitchCase {
+    const char* Name;
+    std::vector<std::u16string> Parameters;
+    std::int32_t Threads;
+};
+
+class TThreadsSwitchTest : public testing::TestWithParam<TSwitchCase> {};
+
+TEST_P(TThreadsSwitchTest, DecidesTheLimit) {
+    const TFakeProcess process(6, GetParam().Parameters);
+
+    EXPECT_EQ(MaxSortingThreads(), GetParam().Threads);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    CommandLines, TThreadsSwitchTest,
+    testing::Values(
+        TSwitchCase{"Absent", {}, 6}, TSwitchCase{"Dash", {u"-maxsortingthreads", u"1"}, 1},
+        TSwitchCase{"Slash", {u"x", u"/maxsortingthreads", u"3", u"y"}, 3},
+        TSwitchCase{"AnyCase", {u"-MaxSortingThreads", u"40"}, 40},
+        TSwitchCase{"ZeroMeansAllProcessors", {u"/MAXSORTINGTHREADS", u"0"}, 6},
+        TSwitchCase{"NoNumber", {u"-maxsortingthreads", u"two"}, 6},
+        TSwitchCase{"Last", {u"4", u"-maxsortingthreads"}, 6},
+        TSwitchCase{"NoDash", {u"maxsortingthreads", u"2"}, 6},
+        TSwitchCase{"LongerName", {u"-maxsortingthreadsx", u"2", u"-"}, 6},
+        TSwitchCase{"FirstOfTwo", {u"-maxsortingthreads", u"2", u"-maxsortingthreads", u"5"}, 2}),
+    [](const auto& tested) { return std::string(tested.param.Name); });
+
+TEST(TMaxSortingThreadsTest, IsOneWhenTheSystemKnowsNoProcessor) {
+    const TFakeProcess process(0);
+
+    EXPECT_EQ(MaxSortingThreads(), 1);
+}
+
+// --- Comparisons that break their promise --------------------------------------------------------
+
+struct TUnsoundCase {
+    const char* Name;
+    std::int32_t (*Compare)(void* a, void* b);
+};
+std::int32_t Flip(void*, void*) {
+    static std::atomic<std::uint32_t> state = 1;  // any sequence will do
+    return static_cast<std::int32_t>((state = state * 1664525 + 1013904223) >> 29) - 4;
+}
+constexpr TUnsoundCase UnsoundCases[] = {
+    {"AlwaysBefore", [](void*, void*) { return std::numeric_limits<std::int32_t>::min(); }},
+    {"AlwaysAfter", [](void*, void*) { return std::numeric_limits<std::int32_t>::max(); }},
+    {"AnyAnswer", Flip},
+    // Like scissors, paper and stone.
+    {"Cyclic", [](void* a, void* b) { return (Key(a) - Key(b) + 300'000) % 3 - 1; }},
+    {"BeforeUnlessMuchSmaller", [](void* a, void* b) { return Key(a) - Key(b) > -50 ? -1 : 1; }},
+};
+
+class TUnsoundComparisonTest : public testing::TestWithParam<TUnsoundCase> {};
+
+// The arrays end where their memory ends, so the address sanitizer sees a step beyond.
+TEST_P(TUnsoundComparisonTest, LeavesAPermutation) {
+    const TFakeProcess process(4);
+    auto routine = GetParam().Compare;
+    const TComparator compare = TComparator::BindCall(&routine);
+    std::mt19937 random(support::Seed());
+    for (const std::int32_t count : {2, 3, 6, 20, 33, 64, 1000, 3000, 40'000}) {
+        TKeys keys(static_cast<std::size_t>(count));
+        for (std::int32_t& key : keys) key = Below(random, 1000);
+        const TPointers unsorted = PointersTo(keys);
+        const std::int32_t R = count - 1;
+        const auto try_ = [&](auto sort) {
+            TPointers items = unsorted;
+            try {
+                sort(items.data());
+            } catch (const EInvalidArgument& error) {
+                EXPECT_EQ(error.Message(), u"Comparison method violates its general contract!");
+            }
+            ASSERT_TRUE(SameItems(items, unsorted)) << count << " items, seed " << support::Seed();
+        };
+        try_([&](void** list) { MergeSortList(list, 0, R, compare, 0); });
+        if (count > 3000) continue;
+        try_([&](void** list) { InsertSortList(list, 0, R, compare); });
+        try_([&](void** list) { QuickSortList(list, 0, R, compare); });
+        try_([&](void** list) { BinarySortList(list, 0, R, 1, compare); });
+        try_([&](void** list) { MergeSortedLists(list, 0, R, count / 2, compare); });
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, TUnsoundComparisonTest, testing::ValuesIn(UnsoundCases),
+                         [](const auto& tested) { return std::string(tested.param.Name); });
+
+// Items 0 to 3 in order before the merge; then the comparison changes its mind so that the last
+// item of the copied side is taken early.
+TEST(TMergeSortErrorsTest, SaysThatTheComparisonIsInconsistent) {
+    TKeys keys(2000);
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+        keys[i] = static_cast<std::int32_t>(i % 1000 * 2 + i / 1000);
+    }
+    TPointers items = PointersTo(keys);
+    const TPointers unsorted = items;
+    std::int32_t calls = 0;
+    auto compare = [&](void* a, void* b) {
+        // In order while the two runs are found, then always after: the copied side wins for ever.
+        return ++calls < 2100 ? Key(a) - Key(b) : 1;
+    };
+
+    std::u16string message;
+    try {
+        MergeAll(items, TComparator::BindCall(&compare));
+    } catch (const EInvalidArgument& error) {
+        message = error.Message();
+    }
+
+    EXPECT_EQ(message, u"Comparison method violates its general contract!");
+    EXPECT_TRUE(SameItems(items, unsorted));
+}
+
+// --- Failures ------------------------------------------------------------------------------------
+
+TKeys RandomKeys(std::int32_t count, std::uint32_t seed, std::int32_t range = 1 << 30) {
+    std::mt19937 random(seed);
+    TKeys keys(static_cast<std::size_t>(count));
+    for (std::int32_t& key : keys) key = Below(random, range);
+    return keys;
+}
+
+// Whatever call raises, the error comes out and the items are all there. Blocks make the merge
+// gallop as well.
+TEST(TMergeSortErrorsTest, KeepsTheItemsWhicheverComparisonRaises) {
+    TKeys random = RandomKeys(150, support::Seed());
+    TKeys blocks(400);
+    for (std::size_t i = 0; i < blocks.size(); ++i) {
+        blocks[i] = static_cast<std::int32_t>(i / 40 * 7 % 10 * 100 + i % 40);
+    }
+    for (TKeys* keys : {&random, &blocks}) {
+        const TPointers unsorted = PointersTo(*keys);
+        TCounting all;
+        TPointers sorted = unsorted;
+        MergeAll(sorted, all.Bound());
+        for (std::int64_t nth = 1; nth <= all.Calls; ++nth) {
+            TPointers items = unsorted;
+            TCounting raising(nth);
+            ASSERT_THROW(MergeAll(items, raising.Bound()), std::runtime_error);
+            ASSERT_TRUE(SameItems(items, unsorted)) << "call " << nth;
+        }
+        for (const auto sort : {&InsertSortList, &QuickSortList}) {
+            TPointers items = unsorted;
+            for (std::int64_t nth = 1; nth < 500; ++nth) {
+                TCounting raising(nth);
+                ASSERT_THROW(sort(items.data(), 0, 149, raising.Bound()), std::runtime_error);
+                ASSERT_TRUE(SameItems(items, unsorted)) << "call " << nth;
+                items = unsorted;
+            }
+        }
+    }
+}
+
+TEST(TMergeSortErrorsTest, BringsAWorkersErrorToTheCallerWhenAllHaveEnded) {
+    const TFakeProcess process(7);
+    TKeys keys = RandomKeys(58'000, support::Seed());
+    const TPointers unsorted = PointersTo(keys);
+    TCounting all;
+    TPointers sorted = unsorted;
+    MergeAll(sorted, all.Bound(), 7);
+    for (std::int64_t step = 1; step <= 12; ++step) {
+        TPointers items = unsorted;
+        TCounting raising(all.Calls * step /
+                          41);  // early ones in a chunk's sort, late ones in a merge
+
+        ASSERT_THROW(MergeAll(items, raising.Bound(), 7), std::runtime_error);
+
+        const std::int64_t calls = raising.Calls;
+        ASSERT_TRUE(SameItems(items, unsorted)) << "step " << step;
+        ASSERT_EQ(raising.Calls, calls);
+        ASSERT_FALSE(InParallelSort);
+    }
+}
+
+// With several threads the first allocations are those of the threads themselves: a thread that
+// cannot start leaves its chunk to the caller.
+TEST(TMergeSortErrorsTest, SurvivesEachAllocationThatFails) {
+    const TFakeProcess process(5);
+    for (const std::int32_t threads : {1, 5}) {
+        TKeys keys = RandomKeys(45'000, support::Seed());
+        const TPointers unsorted = PointersTo(keys);
+        const TPointers expected = StablySorted(unsorted);
+        std::int32_t refusals = 0;
+        std::int32_t sortedAnyway = 0;
+        const std::int64_t needed = support::FailEachAllocation(
+            [&] { return unsorted; },
+            [&](TPointers& items) { MergeAll(items, TCounting().Bound(), threads); },
+            [&](const TPointers& items, bool raised) {
+                ++(raised ? refusals : sortedAnyway);
+                if (raised) {
+                    EXPECT_TRUE(SameItems(items, unsorted));
+                } else {
+                    EXPECT_EQ(items, expected);
+                }
+            });
+        EXPECT_EQ(refusals + sortedAnyway, needed + 1);
+        EXPECT_GE(refusals, 3);
+        EXPECT_GE(sortedAnyway, threads > 1 ? 2 : 1);  // the last run gets all it asks for
+    }
+}
+
+}  // namespace
+}  // namespace kds
