@@ -1,0 +1,313 @@
+// Columns: the typed fields of a table, and the lists that hold them.
+//
+// Shape      A column has a data type, a length for texts, attributes, a default value and display
+//            properties. The table's column list owns the columns, keeps a sorted name index and
+//            recomputes the record layout when a column or the set of columns changes.
+// Units      Lengths are characters: bytes of 8-bit text (UTF-8), 16-bit units of wide text; at
+//            most 65'535. Sizes and offsets are bytes.
+// Ownership  The table's list owns its columns; order lists borrow them. Interfaces are counted.
+// Errors     CannotRestructure for a change of the layout, the order or a name while the table
+//            holds records or detached rows of it are alive; DuplicateName; "Column %s size exceeds
+//            limit"; ColumnTypeInternal for a column without a type. A refused change has changed
+//            nothing. What later versions bring (expressions, foreign keys) raises and says so.
+// Cost       FindByName O(log n). A layout change O(columns).
+// Validity   Offsets are good until the layout changes, which needs an empty table.
+// Threads    Read-only columns may be read by several threads at once.
+#pragma once
+
+#include <span>
+#include <string>
+#include <vector>
+
+#include "kds/core/Kdsdata.h"
+#include "kds/core/Kdslayout.h"
+#include "kds/core/Kdsstrings.h"
+#include "kds/core/Kdstypes.h"
+#include "kds/platform/Delegate.h"
+
+namespace kds {
+
+class TKdsColumn;
+class TKdsRecord;
+class TKdsView;
+class TKdsTableColumnList;
+
+enum class TKdsAttribute : std::uint8_t {
+    caAllowNull,
+    caReadOnly,
+    caAutoInc,
+    caCalculated,
+    caAutoTrim,
+    caCaseless,
+    caRowDecimals,
+    caZeroEmpty,
+    caDelayedCalc,
+    caShowSign,
+    caAlwaysRender,
+    caVirtualKey,
+    caDontStore,
+    caCurrency,
+    caLazyLookup
+};
+using enum TKdsAttribute;
+using TKdsAttributes = TSet<TKdsAttribute>;
+
+// What a column, or any column of a list, is about: lets record code skip whole features.
+enum class TKdsOccurence : std::uint8_t {
+    coAutoInc,
+    coCalculated,
+    coCaseless,
+    coHasDefault,
+    coExpression,
+    coReference,
+    coLookupKey,
+    coForeignKey,
+    coDelayedCalc,
+    coShortLookup,
+    coVirtualKey,
+    coMemoString,
+    coDontStore,
+    coLazyLookup,
+    coCustomData
+};
+using enum TKdsOccurence;
+using TKdsOccurences = TSet<TKdsOccurence>;
+
+// Reads and writes the values of a custom-data column as bytes.
+class IKdsCustomData : public IInterface {
+public:
+    [[nodiscard]] virtual std::vector<std::byte> Write(const IInterface* value) = 0;
+    [[nodiscard]] virtual TIntf<IInterface> Read(std::span<const std::byte> bytes) = 0;
+};
+// The display text of a value; the record may be absent.
+class IKdsFormat : public IInterface {
+public:
+    [[nodiscard]] virtual std::u16string Format(const TKdsColumn* column, const TVariant& value,
+                                                const TKdsRecord* record) = 0;
+};
+// Draws a value on a surface that only the host knows.
+class IKdsRender : public IInterface {
+public:
+    virtual void Render(const TKdsColumn* column, const TKdsRecord* record, void* surface) = 0;
+};
+
+using TKdsGetValueEvent = TDelegate<void(TKdsColumn*, TKdsRecord*, TVariant&)>;
+
+class TKdsColumn : public TKdsName {
+public:
+    [[nodiscard]] static TOwned<TKdsColumn> Create(std::u16string_view name, TKdsDataType type,
+                                                   std::int32_t length = DefaultVariableLength);
+    [[nodiscard]] TKdsDataType DataType() const noexcept { return fDataType; }
+    void SetDataType(TKdsDataType value);
+    [[nodiscard]] std::int32_t Length() const noexcept { return fLength; }
+    void SetLength(std::int32_t value);
+    [[nodiscard]] std::int32_t DataSize() const noexcept { return fDataSize; }
+    [[nodiscard]] std::int32_t DataOffset() const noexcept { return fDataOffset; }
+    [[nodiscard]] std::uint32_t NullMask() const noexcept { return fNullMask; }
+    [[nodiscard]] std::int32_t NullOffset() const noexcept { return fNullOffset; }
+    // Bytes that the column takes in a buffer.
+    [[nodiscard]] std::int32_t ActualSize() const noexcept;
+    // Position in the table's column list; setting it moves the column, which changes the layout.
+    [[nodiscard]] std::int32_t Index() const noexcept { return fIndex; }
+    void SetIndex(std::int32_t value);
+    [[nodiscard]] TKdsTable* Table() const noexcept;
+
+    [[nodiscard]] TKdsAttributes Attributes() const noexcept { return fAttributes; }
+    void SetAttributes(TKdsAttributes value);
+    [[nodiscard]] TKdsOccurences Occurences() const noexcept { return fOccurences; }
+    [[nodiscard]] bool AllowNull() const noexcept { return fAttributes.Has(caAllowNull); }
+    void SetAllowNull(bool value) { SetAttribute(caAllowNull, value); }
+    [[nodiscard]] bool ReadOnly() const noexcept { return fAttributes.Has(caReadOnly); }
+    void SetReadOnly(bool value) { SetAttribute(caReadOnly, value); }
+    // Numbers rows from `seed` in steps; a row that brings a higher number moves the next one on.
+    void SetAutoIncrement(bool value, std::int32_t seed = 1, std::int32_t step = 1);
+    [[nodiscard]] std::int32_t AutoIncSeed() const noexcept { return fAutoIncSeed; }
+    [[nodiscard]] std::int32_t AutoIncStep() const noexcept { return fAutoIncStep; }
+    [[nodiscard]] bool Calculated() const noexcept { return fAttributes.Has(caCalculated); }
+    // A calculated column that is not stored takes no room and is computed on every read. Its
+    // OnGetValue starts from null. A not-null one could never be inserted: it is checked before it
+    // is calculated.
+    void SetCalculated(bool value, bool stored = true);
+    // Calculated on the first read after a change of the table.
+    void SetDelayedCalc(bool value);
+    [[nodiscard]] bool CaseSensitive() const noexcept { return !fAttributes.Has(caCaseless); }
+    void SetCaseSensitive(bool value) { SetAttribute(caCaseless, !value); }
+    void SetVirtualKey(bool value);
+    void SetLazyLookup(bool value) { SetAttribute(caLazyLookup, value); }
+
+    [[nodiscard]] std::int32_t Decimals() const noexcept { return fDecimals; }
+    void SetDecimals(std::int32_t value);  // -1: as many as the value has
+    [[nodiscard]] std::int32_t Precision() const noexcept { return fPrecision; }
+    void SetPrecision(std::int32_t value);
+    [[nodiscard]] const TVariant& DefaultValue() const noexcept { return fDefaultValue; }
+    void SetDefaultValue(const TVariant& value);
+    [[nodiscard]] const std::u16string& Description() const noexcept { return fDescription; }
+    void SetDescription(std::u16string_view value);
+    // The name when no label is set.
+    [[nodiscard]] const std::u16string& GetDisplayLabel() const noexcept;
+    void SetDisplayLabel(std::u16string_view value);
+    [[nodiscard]] const std::u16string& DisplayMask() const noexcept { return fDisplayMask; }
+    void SetDisplayMask(std::u16string_view value);
+    // Characters that a typical value needs.
+    [[nodiscard]] std::int32_t GetDisplayWidth() const noexcept;
+    [[nodiscard]] const std::u16string& Dictionary() const noexcept { return fDictionary; }
+    void SetDictionary(std::u16string_view value);
+    [[nodiscard]] const std::u16string& Expression() const noexcept { return fExpression; }
+    void SetExpression(std::u16string_view value);
+    [[nodiscard]] const std::u16string& LookupFilter() const noexcept { return fLookupFilter; }
+    void SetLookupFilter(std::u16string_view value);
+    [[nodiscard]] TKdsVisibility Visibility() const noexcept { return fVisibility; }
+    void SetVisibility(TKdsVisibility value);
+    [[nodiscard]] bool GetVisible() const noexcept { return fVisibility != viNothing; }
+    [[nodiscard]] const TKdsGetValueEvent& OnGetValue() const noexcept { return fOnGetValue; }
+    void SetOnGetValue(TKdsGetValueEvent value);
+    [[nodiscard]] const TIntf<IKdsCustomData>& CustomData() const noexcept { return fCustomData; }
+    void SetCustomData(TIntf<IKdsCustomData> value);
+    [[nodiscard]] const TIntf<IKdsFormat>& Formatter() const noexcept { return fFormatter; }
+    void SetFormatter(TIntf<IKdsFormat> value);
+    [[nodiscard]] const TIntf<IKdsRender>& Renderer() const noexcept { return fRenderer; }
+    void SetRenderer(TIntf<IKdsRender> value);
+
+    [[nodiscard]] bool GetIsPrimaryKey() const;
+    [[nodiscard]] bool GetIsForeignKey() const noexcept { return fOccurences.Has(coForeignKey); }
+    [[nodiscard]] bool GetIsLookupKey() const noexcept { return fOccurences.Has(coLookupKey); }
+    [[nodiscard]] bool GetIsReference() const noexcept { return fOccurences.Has(coReference); }
+
+    // The display text of a value of this column; empty for null. The record may be absent.
+    [[nodiscard]] std::u16string FormatValue(const TVariant& value,
+                                             const TKdsRecord* record = nullptr) const;
+    [[nodiscard]] TVariant LookupValue(const TVariant& value) const;
+    void ForeignKey(std::u16string_view tableName, std::u16string_view columnName);
+
+    // Calculated and without room in the buffer.
+    [[nodiscard]] bool IsComputed() const noexcept {
+        return fOccurences.HasAll({coCalculated, coDontStore});
+    }
+    [[nodiscard]] bool IsDelayed() const noexcept { return fOccurences.Has(coDelayedCalc); }
+
+protected:
+    TKdsColumn(std::u16string_view name, TKdsDataType type, std::int32_t length);
+    ~TKdsColumn() override = default;
+
+private:
+    friend class TKdsTableColumnList;
+    friend class TKdsRecord;
+    friend class TKdsTable;
+
+    // Prepare, store, confirm; `layout` tells whether the record layout follows. A refusal leaves
+    // the column as it was.
+    template <typename F>
+    void Change(bool layout, F&& store);
+    void SetAttribute(TKdsAttribute attribute, bool value);
+    void UpdateDataSize() noexcept;
+    void UpdateOccurences() noexcept;
+    static void CheckLength(std::u16string_view name, std::int32_t length);
+
+    TKdsAttributes fAttributes{caAllowNull};
+    std::int32_t fAutoIncSeed = 0;
+    std::int32_t fAutoIncStep = 0;
+    TIntf<IKdsCustomData> fCustomData;
+    std::int32_t fDataOffset = 0;
+    std::int32_t fDataSize = 0;
+    TKdsDataType fDataType;
+    std::int32_t fDecimals = -1;
+    TVariant fDefaultValue;
+    std::u16string fDescription, fDictionary, fDisplayLabel, fDisplayMask;
+    std::u16string fExpression;
+    TIntf<IKdsFormat> fFormatter;
+    TIntf<IKdsRender> fRenderer;
+    std::int32_t fIndex = -1;
+    std::int32_t fIndexOrig = -1;
+    std::int32_t fLength;
+    std::uint32_t fNullMask = 0;
+    std::int32_t fNullOffset = 0;
+    TKdsOccurences fOccurences;
+    std::int32_t fPrecision = -1;
+    TKdsVisibility fVisibility = viRegular;
+    TKdsGetValueEvent fOnGetValue;
+    std::u16string fLookupFilter;
+    std::int64_t fAutoIncNext = 0;
+};
+
+// A list of columns that somebody else owns, or the table's own.
+class TKdsColumnList : public TKdsNameList {
+public:
+    using TKdsNameList::Items;
+    [[nodiscard]] TKdsColumn* Items(std::int32_t index) const {
+        return static_cast<TKdsColumn*>(TKdsNameList::Items(index));
+    }
+    // Unchecked.
+    [[nodiscard]] TKdsColumn* GetItem(std::int32_t index) const {
+        return static_cast<TKdsColumn*>(fItems[static_cast<std::size_t>(index)]);
+    }
+
+    // Range-for over the columns, in list order; good until the list changes.
+    class TIterator {
+    public:
+        explicit TIterator(TKdsItem* const* place) noexcept : fPlace(place) {}
+        TKdsColumn* operator*() const noexcept { return static_cast<TKdsColumn*>(*fPlace); }
+        TIterator& operator++() noexcept {
+            ++fPlace;
+            return *this;
+        }
+        friend bool operator==(TIterator, TIterator) = default;
+
+    private:
+        TKdsItem* const* fPlace;
+    };
+    [[nodiscard]] TIterator begin() const noexcept { return TIterator(fItems.data()); }
+    [[nodiscard]] TIterator end() const noexcept { return TIterator(fItems.data() + fCount); }
+
+protected:
+    using TKdsNameList::TKdsNameList;
+    ~TKdsColumnList() override = default;
+};
+
+class TKdsTableColumnList final : public TKdsColumnList {
+public:
+    TKdsColumn* Add(TOwned<TKdsColumn>&& column);
+    TKdsColumn* Add(std::u16string_view name, TKdsDataType type,
+                    std::int32_t length = DefaultVariableLength);
+    // From texts, as column descriptions hold them: the type by its display name, the length a
+    // number or empty, the attributes words separated by blanks (notnull, readonly, caseless).
+    TKdsColumn* Add(std::u16string_view name, std::u16string_view type, std::u16string_view length);
+    TKdsColumn* Add(std::u16string_view name, std::u16string_view type, std::u16string_view length,
+                    std::u16string_view displayLabel, std::u16string_view attributes);
+    [[nodiscard]] TKdsColumn* Find(std::u16string_view name) const;
+    // Raises NameNotFound with the qualified name.
+    [[nodiscard]] TKdsColumn* Columns(std::u16string_view name) const;
+    [[nodiscard]] TKdsName* FindByName(std::u16string_view name) const override;
+    [[nodiscard]] std::u16string QualifyName(std::u16string_view name) const override;
+    // By name; refused while the table holds records, because the order fixes the layout.
+    void Sort() override;
+
+    using TKdsColumnList::Handle;
+    void Handle(TNotification* notification) override;
+    [[nodiscard]] const TKdsLayout& Layout() const noexcept { return fLayout; }
+    [[nodiscard]] TKdsOccurences Occurences() const noexcept { return fOccurences; }
+    [[nodiscard]] std::int32_t RecordSize() const noexcept { return fLayout.RecordSize(); }
+    [[nodiscard]] std::int32_t NullOffset() const noexcept { return fLayout.NullOffset(); }
+    [[nodiscard]] std::int32_t NullBytes() const noexcept { return fLayout.NullBytes(); }
+    [[nodiscard]] TKdsTable* Table() const noexcept { return fTable; }
+    [[nodiscard]] bool IsConsistent() const override;
+
+protected:
+    void DoSwitch(std::int32_t from, std::int32_t to) override;
+
+private:
+    friend class TKdsTable;
+    explicit TKdsTableColumnList(TKdsTable* table);
+    ~TKdsTableColumnList() override = default;
+    void CheckRestructure(TNotification* notification) const;
+    void Follow(TNotification* notification);
+    void Relayout();
+    void UpdateNotNull();
+    void UpdateNameIndex(TNotification* notification);
+
+    TKdsStringList fNames;
+    TKdsLayout fLayout;
+    TKdsOccurences fOccurences;
+    TKdsTable* fTable;
+};
+
+}  // namespace kds

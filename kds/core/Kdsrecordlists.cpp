@@ -1,0 +1,223 @@
+#include "kds/core/Kdsrecordlists.h"
+
+#include <typeinfo>
+
+#include "kds/core/Kdserrors.h"
+#include "kds/core/Kdstables.h"
+#include "kds/views/Kdsviews.h"
+
+namespace kds {
+
+TKdsTableRecordList::TKdsTableRecordList(TKdsTable* table)
+    : TKdsRecordList(table, /*ownsObjects=*/true), fTable(table) {}
+
+// ---- Storage ------------------------------------------------------------------------------
+
+TKdsItem* TKdsTableRecordList::DoGetItem(std::int32_t index) const {
+    return static_cast<TKdsRecord*>(fItems.Get(index));
+}
+
+void TKdsTableRecordList::DoInsert(std::int32_t index, TKdsItem* item) {
+    if (fMaximumCapacity > 0 && fItems.Count() >= fMaximumCapacity) RaiseFull();
+    fItems.Insert(index, static_cast<TKdsRecord*>(item));
+}
+
+void TKdsTableRecordList::DoDelete(std::int32_t index) { (void)fItems.Delete(index); }
+
+void TKdsTableRecordList::DoSwitch(std::int32_t from, std::int32_t to) {
+    fTable->CheckNotBusy();
+    fItems.Reserve();
+    void* const record = fItems.Delete(from);
+    fItems.Insert(to, record);
+    fOrder = rloMixed;
+}
+
+void TKdsTableRecordList::DoClear() { fItems.Clear(); }
+
+// ---- Searches -----------------------------------------------------------------------------
+
+std::int32_t TKdsTableRecordList::SearchRowID(std::uint32_t rowID) const {
+    const auto rowIdOf = [](void* item) { return static_cast<TKdsRecord*>(item)->RowID(); };
+    const TBucketPlace place =
+        fItems.LowerBucket([&](void* item) { return rowIdOf(item) <= rowID; });
+    std::int32_t low = 0;
+    std::int32_t high = TUnrolledSkipList::BucketCount(place.Bucket) - 1;
+    while (low <= high) {
+        const std::int32_t middle = (low + high) / 2;
+        const std::uint32_t found = rowIdOf(TUnrolledSkipList::ItemAt(place.Bucket, middle));
+        if (found == rowID) return place.Index + middle;
+        if (found < rowID) {
+            low = middle + 1;
+        } else {
+            high = middle - 1;
+        }
+    }
+    return -1;
+}
+
+std::int32_t TKdsTableRecordList::PositionOf(const TKdsItem* item) const {
+    const auto* const record = static_cast<const TKdsRecord*>(item);
+    if (fOrder == rloMixed) return fItems.IndexOf(record);
+    const std::int32_t index = SearchRowID(record->RowID());
+    // Another table's row may bear the same number.
+    return index >= 0 && fItems.Get(index) == record ? index : -1;
+}
+
+std::int32_t TKdsTableRecordList::IndexOf(const TKdsItem* record) const {
+    if (fOrder == rloMixed) KdsError(u"How could we fall into rloMixed mode?");
+    if (record == nullptr || record->Owner() != this) return -1;
+    return PositionOf(record);
+}
+
+TKdsRecord* TKdsTableRecordList::FindRowID(std::uint32_t rowID) {
+    if (fOrder == rloMixed) KdsError(u"How could we fall into rloMixed mode?");
+    if (rowID == NoRowID) return nullptr;
+    const std::int32_t index = SearchRowID(rowID);
+    return index < 0 ? nullptr : static_cast<TKdsRecord*>(fItems.Get(index));
+}
+
+TKdsRecord* TKdsTableRecordList::Find(std::span<const TVariant> values) {
+    TKdsView* const primary = fTable->UsablePrimaryView();
+    if (primary == nullptr) return nullptr;
+    const std::int32_t index = primary->Find(values);
+    return index < 0 ? nullptr : primary->Items(index);
+}
+
+// ---- Insertion ----------------------------------------------------------------------------
+
+void TKdsTableRecordList::InsertItem(std::int32_t index, TKdsItem* item, TRelease release,
+                                     void* holder) {
+    CheckInsert(index, item);
+    if (typeid(*item) != typeid(TKdsRecord)) {
+        throw EInvalidArgument(u"A record list takes records only");
+    }
+    auto* const record = static_cast<TKdsRecord*>(item);
+    // A row of another table has another layout.
+    if (record->Table() != fTable || record->Owner() != nullptr) KdsError(u"CannotInsertRecord");
+    fTable->CheckNotBusy();
+    TKdsChangeBracket bracket(fTable);
+    TFirstError errors;
+    {
+        TKdsTravelScope travel(fTable);
+        Notify(acPrepareInsert, record, index);
+        fTable->ReservePlaces();
+        DoInsert(index, record);
+        release(holder);
+        TakeOwnership(record);
+        errors.Run([&] { Notify(acConfirmInsert, record, index); });
+    }
+    bracket.Close(errors);
+    errors.Rethrow();
+}
+
+void TKdsTableRecordList::ConfirmPlace(TKdsRecord* record, std::int32_t index) {
+    const std::int32_t last = fItems.Count() - 1;
+    if (index != last) {
+        fOrder = rloMixed;
+    } else if (last > 0 && record->RowID() != NoRowID) {
+        // A row that comes back with its old number may stand behind a higher one.
+        const auto* const before = static_cast<TKdsRecord*>(fItems.Get(last - 1));
+        if (before->RowID() > record->RowID()) fOrder = rloMixed;
+    }
+}
+
+// ---- Deletion -----------------------------------------------------------------------------
+
+void TKdsTableRecordList::Delete(std::int32_t index) {
+    if (!CheckIndex(index)) ListIndexError(index);
+    TakeOut(index, nullptr, /*bury=*/true);
+}
+
+TOwned<TKdsRecord> TKdsTableRecordList::Extract(TKdsRecord* record) {
+    if (record == nullptr || record->Owner() != this) KdsError(u"CannotDeleteRecord");
+    record->CheckDelete();
+    TOwned<TKdsRecord> keeper;
+    TakeOut(PositionOf(record), &keeper, /*bury=*/false);
+    return keeper;
+}
+
+void TKdsTableRecordList::TakeOut(std::int32_t index, TOwned<TKdsRecord>* keeper, bool bury) {
+    fTable->CheckNotBusy();
+    TKdsChangeBracket bracket(fTable);
+    TFirstError errors;
+    {
+        TKdsTravelScope travel(fTable);
+        auto* const record = static_cast<TKdsRecord*>(fItems.Get(index));
+        if (bury) fTable->fDead.reserve(fTable->fDead.size() + 1);
+        Notify(acPrepareDelete, record, index);
+        DoDelete(index);
+        errors.Run([&] { Notify(acConfirmDelete, record, index); });
+        ClearOwner(record);
+        if (bury) fTable->fDead.push_back(record);
+        if (keeper != nullptr) keeper->reset(record);
+    }
+    bracket.Close(errors);
+    errors.Rethrow();
+}
+
+void TKdsTableRecordList::Clear() {
+    TKdsTravelGuard guard;
+    while (fItems.Count() > 0) Delete(fItems.Count() - 1);
+    DoClear();
+    fOrder = rloRowID;
+}
+
+// ---- Notifications ------------------------------------------------------------------------
+
+void TKdsTableRecordList::Notify(TNotification* notification) {
+    auto* const record = static_cast<TKdsRecord*>(notification->Target);
+    TKdsSteps steps(notification);
+    if (notification->Sender == this) {
+        switch (notification->Action) {
+            case acPrepareInsert:
+                if (record->RowID() != NoRowID && HoldsRowID(record->RowID())) {
+                    KdsError(u"CannotInsertRecord");
+                }
+                record->PrepareInsert();
+                break;
+            case acConfirmInsert:
+                ConfirmPlace(record, notification->Index);
+                steps.Run([&] { record->ConfirmInsert(); });
+                break;
+            case acPrepareDelete: record->PrepareDelete(); break;
+            case acConfirmDelete:
+                if (fItems.Count() <= 1) fOrder = rloRowID;
+                record->ConfirmDelete();
+                break;
+            default: break;
+        }
+    } else if (notification->Action == acObjectDestroy && notification->Sender->Owner() == this) {
+        RemoveDying(static_cast<TKdsRecord*>(notification->Sender));
+    }
+    // Not the list's own reaction: it would look for any sender among the records.
+    steps.Run([&] { TKdsItem::Notify(notification); });
+    steps.Finish();
+}
+
+// A record that ends itself leaves the list with the delete pair; a refusal keeps it.
+void TKdsTableRecordList::RemoveDying(TKdsRecord* record) {
+    if (fOrder == rloMixed) KdsError(u"How could we fall into rloMixed mode?");
+    TakeOut(PositionOf(record), nullptr, /*bury=*/false);
+}
+
+bool TKdsTableRecordList::HoldsRowID(std::uint32_t rowID) const {
+    if (fOrder == rloRowID) return SearchRowID(rowID) >= 0;
+    for (const TKdsRecord* const record : *this) {
+        if (record->RowID() == rowID) return true;
+    }
+    return false;
+}
+
+bool TKdsTableRecordList::IsConsistent() const {
+    if (!fItems.IsConsistent()) return false;
+    std::int64_t previous = -1;
+    for (TKdsRecord* const record : *this) {
+        if (record->Owner() != this || record->Table() != fTable) return false;
+        if (record->RowID() >= fTable->LastRowID()) return false;
+        if (fOrder == rloRowID && record->RowID() <= previous) return false;
+        previous = record->RowID();
+    }
+    return true;
+}
+
+}  // namespace kds

@@ -1,0 +1,223 @@
+#include "kds/core/Kdsrecords.h"
+
+#include "kds/core/Kdserrors.h"
+#include "kds/core/Kdstables.h"
+#include "kds/views/Kdsviews.h"
+
+namespace kds {
+
+TKdsRecord::TKdsRecord(TKdsTable* table) noexcept : TKdsItem(nullptr), fTable(table) {}
+
+TOwned<TKdsRecord> TKdsRecord::Create(TKdsTable* table, bool defaults) {
+    if (table == nullptr) throw EInvalidArgument(u"A record needs a table");
+    table->ReserveTrack();
+    TOwned<TKdsRecord> record(new (table->Slab()) TKdsRecord(table));
+    table->Track(record.get());
+    ++table->fOrphanRows;
+    record->fBuffer.Proposed = table->KeepsHome() ? record->Home() : nullptr;
+    if (record->fBuffer.Proposed != nullptr) {
+        std::memset(record->fBuffer.Proposed, 0,
+                    static_cast<std::size_t>(table->Layout().RecordSize()));
+    } else {
+        record->fBuffer.Proposed = table->InitBuffer();
+    }
+    for (const std::int32_t column : table->Layout().DelayedColumns()) {
+        // One behind the table's version: not calculated yet.
+        StoreRaw(record->fBuffer.Proposed + table->Layout().Slot(column).StampOffset,
+                 static_cast<std::uint32_t>(table->fVersion) - 1);
+    }
+    if (defaults) record->AssignDefaults();
+    return record;
+}
+
+void TKdsRecord::Teardown() noexcept {
+    if (fTable != nullptr) {
+        fTable->ForgetRecord(this);
+        if (EffectiveState() == rsDetached) {
+            fTable->Untrack(this);
+            if (fRowID == NoRowID && fTable->fOrphanRows > 0) --fTable->fOrphanRows;
+        } else {
+            fTable->FreeBuffer(this, fBuffer.Original);
+        }
+        fTable->FreeBuffer(this, std::exchange(fBuffer.Proposed, nullptr));
+        LeaveTable();
+    }
+    TKdsItem::Teardown();
+}
+
+void TKdsRecord::LeaveTable() noexcept {
+    fBuffer.Slab = fTable->fSlab;
+    fTable = nullptr;
+}
+
+void TKdsRecord::SetFlag(TKdsRecordFlag flag, bool value) noexcept {
+    const auto bit = static_cast<std::uint8_t>(1u << static_cast<unsigned>(flag));
+    fRowFlags = static_cast<std::uint8_t>(value ? fRowFlags | bit : fRowFlags & ~bit);
+}
+
+void TKdsRecord::SetDecimals(std::int32_t value) noexcept {
+    fDecimals = static_cast<std::int8_t>(std::clamp(value, -1, 127));
+}
+
+// ---- States -------------------------------------------------------------------------------
+
+void TKdsRecord::SwitchState(TKdsRecordState state) noexcept {
+    fOldState = fRowState;
+    fRowState = state;
+}
+
+void TKdsRecord::LeaveForced() {
+    if (fRowState != rsForced) return;
+    fRowState = fOldState;
+    // Written to a posted buffer, which may have been made full-size for it.
+    if (fRowState == rsRegular && fTable != nullptr) fTable->CompactBuffer(this);
+}
+
+void TKdsRecord::CheckState(TKdsRecordStates states, bool expected, std::u16string_view key) const {
+    if (states.Has(fRowState) != expected) KdsError(key);
+}
+
+std::byte* TKdsRecord::CheckWrite(const TKdsColumn* column) {
+    CheckColumn(column);
+    if (fTable->Status() == mtsRegular || fTable->Status() == mtsUploads) {
+        CheckState({rsDetached, rsEditing, rsDefaults, rsCalculate, rsForced}, true,
+                   u"CannotModifyRecord");
+        if (column->ReadOnly() &&
+            !TKdsRecordStates{rsDefaults, rsCalculate, rsForced}.Has(fRowState)) {
+            KdsError(u"ColumnReadonly", {column->Name()});
+        }
+    }
+    return const_cast<std::byte*>(FindBuffer());
+}
+
+const std::byte* TKdsRecord::FindBuffer() const {
+    return EffectiveState() == rsRegular ? fBuffer.Original : fBuffer.Proposed;
+}
+
+std::byte* TKdsRecord::WritableBuffer() {
+    if (EffectiveState() == rsRegular) return fTable->ExpandBuffer(this);
+    return fBuffer.Proposed;
+}
+
+void TKdsRecord::CheckConstraints(TKdsRecordState state) {
+    if (state != rsRegular) return;
+    const std::byte* const buffer = FindBuffer();
+    const TKdsLayout& layout = fTable->Layout();
+    if (layout.HasNotNullGap(buffer)) {
+        for (const TKdsColumn* const column : *fTable->Columns()) {
+            if (!column->AllowNull() && !layout.Slot(column->Index()).HasValue(buffer)) {
+                KdsError(u"ColumnNotNull", {fTable->Name(), column->Name()});
+            }
+        }
+    }
+    fTable->CheckUniqueViews(this);
+}
+
+// ---- Insert -------------------------------------------------------------------------------
+
+void TKdsRecord::PrepareInsert() {
+    CheckState({rsDetached}, true, u"CannotInsertRecord");
+    if (fTable->fLastRowID == NoRowID) KdsError(u"MaximumCapacity");
+    CheckConstraints(rsRegular);
+}
+
+void TKdsRecord::ConfirmInsert() {
+    if (fRowID == NoRowID) {
+        fRowID = fTable->fLastRowID++;
+        if (fTable->fOrphanRows > 0) --fTable->fOrphanRows;
+    } else if (fRowID >= fTable->fLastRowID) {
+        fTable->fLastRowID = fRowID + 1;
+    }
+    const TKdsOccurences occurences = fTable->Columns()->Occurences();
+    if (occurences.Has(coCalculated) && fTable->Status() != mtsMassive) CalculateColumns(true);
+    if (occurences.Has(coAutoInc)) fTable->FollowAutoIncrement(this);
+    fTable->Untrack(this);
+    fBuffer.Original = std::exchange(fBuffer.Proposed, nullptr);
+    SwitchState(rsRegular);
+    fTable->fModified = true;
+    fTable->CompactBuffer(this);
+}
+
+// ---- Update -------------------------------------------------------------------------------
+
+void TKdsRecord::Edit() {
+    if (fTable == nullptr || IsPosting()) KdsError(u"RecordStateInvalid");
+    CheckState({rsRegular}, true, u"RecordAlreadyEdits");
+    fBuffer.Proposed = fTable->CopyBuffer(fBuffer.Original);
+    SwitchState(rsEditing);
+}
+
+void TKdsRecord::Post() {
+    if (fRowState != rsEditing) return;
+    TKdsTable* const table = fTable;
+    table->CheckNotBusy();
+    TKdsChangeBracket bracket(table);
+    CheckConstraints(rsRegular);
+    if (table->Columns()->Occurences().Has(coCalculated)) CalculateColumns(false);
+    // A comparer of the host may have cancelled the edit meanwhile.
+    if (fRowState != rsEditing) return;
+    table->FindChanges(fBuffer.Original, fBuffer.Proposed);
+    table->ReservePlaces();
+    std::swap(fBuffer.Original, fBuffer.Proposed);
+    SwitchState(rsRegular);
+    table->fModified = true;
+    TFirstError errors;
+    {
+        TKdsTravelScope travel(table);
+        errors.Run([&] { Notify(acConfirmUpdate, nullptr, 0); });
+    }
+    fOldState = rsRegular;
+    table->FreeBuffer(this, std::exchange(fBuffer.Proposed, nullptr));
+    BringHome();
+    // Links may delete the record: nothing of it is touched from here on.
+    bracket.Close(errors);
+    errors.Rethrow();
+}
+
+// The posted values move into the home buffer, so that the block of memory beside the record
+// holds what every comparison reads.
+void TKdsRecord::BringHome() noexcept {
+    if (!fTable->KeepsHome()) {
+        fTable->CompactBuffer(this);
+        return;
+    }
+    if (fBuffer.Original == Home()) return;
+    std::memcpy(Home(), fBuffer.Original, static_cast<std::size_t>(fTable->Layout().RecordSize()));
+    fTable->GiveBack(std::exchange(fBuffer.Original, Home()));
+}
+
+void TKdsRecord::Cancel() {
+    if (fRowState != rsEditing) return;
+    fRowState = rsRegular;
+    fOldState = rsRegular;
+    fTable->FreeBuffer(this, std::exchange(fBuffer.Proposed, nullptr));
+}
+
+// ---- Delete -------------------------------------------------------------------------------
+
+void TKdsRecord::Delete() {
+    CheckDelete();
+    fTable->Records()->Remove(this);
+}
+
+void TKdsRecord::CheckDelete() const {
+    CheckState({rsDetached, rsDefaults, rsCalculate, rsForced, rsOriginal}, false,
+               u"CannotDeleteRecord");
+}
+
+void TKdsRecord::PrepareDelete() {
+    Cancel();
+    if (fTable->Status() != mtsDestroy) CheckState({rsRegular}, true, u"CannotDeleteRecord");
+    if (IsPosting()) KdsError(u"CannotDeleteRecord");
+    fTable->ReserveTrack();
+}
+
+void TKdsRecord::ConfirmDelete() {
+    // The detached record keeps its last values, for everybody who still hears of its end.
+    fBuffer.Proposed = fBuffer.Original;
+    SwitchState(rsDetached);
+    fTable->Track(this);
+    fTable->fModified = true;
+}
+
+}  // namespace kds

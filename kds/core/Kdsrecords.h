@@ -1,0 +1,380 @@
+// Records: the rows of a table, their states, and access to their values.
+//
+// Shape      A record has a pair of buffers: Original holds the posted values, Proposed the values
+//            being built or edited. The home buffer lies directly behind the record in one block
+//            of the table's slab; Proposed of an edit lies apart, and Post brings it home.
+//
+//              rsDetached --insert--> rsRegular --Edit--> rsEditing
+//                  ^                   |     ^                |
+//                  +------Delete-------+     +--Post, Cancel--+
+//
+//            rsDefaults, rsCalculate, rsForced and rsOriginal are entered around one operation;
+//            meanwhile the state before decides which buffer is read.
+// Units      Sizes of texts are characters: bytes of 8-bit text, 16-bit units of wide text.
+// Ownership  A detached record belongs to who created it (TOwned); inserting it gives it to the
+//            table. Deleting a record frees it: keep the row identifier and use FindRowID.
+// Errors     EKdsError as named beside each operation; NameNotFound for an unknown column name,
+//            EListError for a position, EInvalidArgument for a column of another table. A failed
+//            write leaves the record as it was.
+// Cost       Reading or writing a stored value O(size). Post O(columns) and what the views do.
+// Validity   The pointer of GetDataP is good until the next read, write or append of the table.
+//            The record is gone when Delete returns.
+// Threads    One thread at a time; sort workers read resident values of plain columns.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <iosfwd>
+#include <new>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "kds/core/Kdscolumns.h"
+#include "kds/core/Kdsdata.h"
+#include "kds/core/Kdsslab.h"
+#include "kds/fixed/Fixed.h"
+#include "kds/platform/Variant.h"
+
+namespace kds {
+
+class TKdsOrderColumnList;
+class TKdsTableRecordList;
+
+enum class TKdsRecordState : std::uint8_t {
+    rsDetached,
+    rsRegular,
+    rsEditing,
+    rsDestroy,
+    rsDefaults,
+    rsCalculate,
+    rsForced,
+    rsOriginal
+};
+using enum TKdsRecordState;
+using TKdsRecordStates = TSet<TKdsRecordState>;
+
+enum class TKdsRecordFlag : std::uint8_t { rfHighlight, rfSwapped };
+using enum TKdsRecordFlag;
+
+inline constexpr std::uint32_t NoRowID = 4'294'967'295u;
+
+struct TKdsBuffer {
+    union {
+        std::byte* Original = nullptr;
+        std::int64_t FileOffs;      // while swapped out
+        std::int64_t DetachedSlot;  // while detached: its place in the table's list of such
+        TKdsSlab* Slab;             // without a table: where the record's memory belongs
+    };
+    std::byte* Proposed = nullptr;
+};
+
+// Which values of a record a reading means.
+enum class TKdsReading : std::uint8_t {
+    Current,  // as the record's state says
+    Posted    // those by which views hold the row, also while it is edited
+};
+
+// Room for a value that does not live in a resident buffer; the caller keeps it as long as the
+// value is used, so that two values can be held at once.
+struct TKdsScratch {
+    std::byte Number[16];
+    std::string Ansi;
+    std::u16string Wide;
+    TIntf<IInterface> Intf;
+};
+
+struct TKdsValue {
+    const std::byte* Data = nullptr;
+    std::int32_t Size = 0;
+    TKdsDataType Type = dtUnknown;  // of the column that finally answered
+};
+
+// Whether T is the C++ form of a raw value of this type, so that no conversion is needed.
+template <typename T>
+[[nodiscard]] constexpr bool IsRawForm(TKdsDataType type) noexcept {
+    switch (type) {
+        case dtBoolean: return std::is_same_v<T, bool>;
+        case dtShort: return std::is_same_v<T, std::int8_t>;
+        case dtSmall: return std::is_same_v<T, std::int16_t>;
+        case dtInteger: return std::is_same_v<T, std::int32_t>;
+        case dtInt64: return std::is_same_v<T, std::int64_t>;
+        case dtByte: return std::is_same_v<T, std::uint8_t>;
+        case dtWord: return std::is_same_v<T, std::uint16_t>;
+        case dtCardinal: return std::is_same_v<T, std::uint32_t>;
+        case dtUInt64: return std::is_same_v<T, std::uint64_t> || std::is_same_v<T, std::int64_t>;
+        case dtDouble: return std::is_same_v<T, double>;
+        case dtExtended: return std::is_same_v<T, double> || std::is_same_v<T, TExtended>;
+        case dtCurrency: return std::is_same_v<T, TCurrency>;
+        case dtDateTime: return std::is_same_v<T, TDateTime>;
+        // The raw numbers of dates and times: day number and milliseconds.
+        case dtDate:
+        case dtTime: return std::is_same_v<T, std::int32_t>;
+        default: return false;
+    }
+}
+
+class TKdsRecord final : public TKdsItem {
+public:
+    // A detached record; with `defaults` the columns' default values are assigned.
+    [[nodiscard]] static TOwned<TKdsRecord> Create(TKdsTable* table, bool defaults);
+
+    [[nodiscard]] TKdsTable* Table() const noexcept { return fTable; }
+    [[nodiscard]] std::uint32_t RowID() const noexcept { return fRowID; }
+    [[nodiscard]] TKdsRecordState RowState() const noexcept { return fRowState; }
+    [[nodiscard]] std::int32_t Decimals() const noexcept { return fDecimals; }
+    void SetDecimals(std::int32_t value) noexcept;
+    [[nodiscard]] bool Highlight() const noexcept { return HasFlag(rfHighlight); }
+    void SetHighlight(bool value) noexcept { SetFlag(rfHighlight, value); }
+    [[nodiscard]] bool IsSwapped() const noexcept { return HasFlag(rfSwapped); }
+    // Tells the views' links that the row wants to be looked at.
+    void Signal() { Notify(acStatusChanged, nullptr, 0); }
+
+    // ---- Life cycle ----
+    void Edit();    // RecordAlreadyEdits unless the record stands in its table unedited
+    void Post();    // nothing unless edited; ColumnNotNull and UniqueViolated leave the edit open
+    void Cancel();  // nothing unless edited
+    void Delete();  // CannotDeleteRecord; frees the record
+    void SwitchState(TKdsRecordState state) noexcept;
+    void EnterForced() noexcept { SwitchState(rsForced); }
+    void LeaveForced();
+    void CheckState(TKdsRecordStates states, bool expected, std::u16string_view key) const;
+    std::byte* CheckWrite(const TKdsColumn* column);
+    void CheckConstraints(TKdsRecordState state);
+    [[nodiscard]] const std::byte* FindBuffer() const;
+
+    // ---- Values ----
+    // Whether the column has a value; a text's size is in characters.
+    bool GetDataP(const TKdsColumn* column, const void*& data, std::int32_t& size);
+    void SetDataP(const TKdsColumn* column, const void* data, std::int32_t size);
+    [[nodiscard]] TVariant GetDataC(const TKdsColumn* column);
+    [[nodiscard]] TVariant GetDataI(std::int32_t index) { return GetDataC(ColumnAt(index)); }
+    [[nodiscard]] TVariant GetDataN(std::u16string_view name) { return GetDataC(ColumnBy(name)); }
+    void SetDataC(const TKdsColumn* column, const TVariant& value);
+    void SetDataI(std::int32_t index, const TVariant& value) { SetDataC(ColumnAt(index), value); }
+    void SetDataN(std::u16string_view name, const TVariant& value) {
+        SetDataC(ColumnBy(name), value);
+    }
+    // The posted value while the record is edited; RecordStateInvalid otherwise.
+    [[nodiscard]] TVariant GetOldC(const TKdsColumn* column);
+    [[nodiscard]] TVariant GetOldI(std::int32_t index) { return GetOldC(ColumnAt(index)); }
+    [[nodiscard]] TVariant GetOldN(std::u16string_view name) { return GetOldC(ColumnBy(name)); }
+    [[nodiscard]] bool GetIsNullC(const TKdsColumn* column);
+    [[nodiscard]] bool GetIsNullI(std::int32_t index) { return GetIsNullC(ColumnAt(index)); }
+    [[nodiscard]] bool GetIsNullN(std::u16string_view name) { return GetIsNullC(ColumnBy(name)); }
+    void SetNullC(const TKdsColumn* column);
+    void SetNullI(std::int32_t index) { SetNullC(ColumnAt(index)); }
+    void SetNullN(std::u16string_view name) { SetNullC(ColumnBy(name)); }
+    [[nodiscard]] TKdsRecord* GetAsRowC(const TKdsColumn* column);
+    // In column order; EInvalidArgument for more values than columns.
+    void SetValues(std::span<const TVariant> values);
+    void SetValues(std::initializer_list<TVariant> values) {
+        SetValues(std::span<const TVariant>(values.begin(), values.size()));
+    }
+    void CopyValueC(const TKdsColumn* column, TKdsRecord* source, const TKdsColumn* sourceColumn);
+    [[nodiscard]] bool SameValueC(const TKdsColumn* column, TKdsRecord* other,
+                                  const TKdsColumn* otherColumn);
+    [[nodiscard]] std::u16string Format(const TKdsColumn* column);
+    [[nodiscard]] std::u16string Format(std::int32_t index) { return Format(ColumnAt(index)); }
+    [[nodiscard]] std::u16string Format(std::u16string_view name) { return Format(ColumnBy(name)); }
+
+    // ---- Typed values, without variants ----
+    // std::nullopt for null. Numbers, bool, TCurrency, TDateTime, TFixed in their raw form;
+    // std::string_view of 8-bit and std::u16string_view of wide text as GetDataP answers them.
+    // EVariantError when the column's type has another raw form.
+    template <typename T>
+    [[nodiscard]] std::optional<T> Get(const TKdsColumn* column);
+    // Raw forms and texts are stored as they are; other types are converted as SetDataC does.
+    template <typename T>
+    void Set(const TKdsColumn* column, const T& value);
+
+    // ---- Comparison ----
+    // In the order of the columns (nullptr: all columns of the table, ascending); nulls are last
+    // in both directions. `count` < 0: all of them.
+    [[nodiscard]] std::int32_t Compare(TKdsOrderColumnList* columns, std::int32_t count,
+                                       TKdsRecord* other, TKdsCompareOptions options);
+    [[nodiscard]] std::int32_t Compare(TKdsRecord* other, TKdsCompareOptions options) {
+        return Compare(nullptr, -1, other, options);
+    }
+
+    // ---- For the library: the one internal read ----
+    bool ReadValue(const TKdsColumn* column, TKdsReading reading, TKdsScratch& scratch,
+                   TKdsValue& value);
+    // The buffer of a resident attached record: what its views hold.
+    [[nodiscard]] const std::byte* PostedBuffer() const noexcept { return fBuffer.Original; }
+    // Starts to bring the record and its home buffer near; for loops over many rows.
+    void Prefetch() const noexcept {
+        __builtin_prefetch(&fBuffer);
+        __builtin_prefetch(this + 1);
+    }
+    // Where a search key's values lie: edited or being built, else posted.
+    [[nodiscard]] const std::byte* KeyBuffer() const { return FindBuffer(); }
+    // While Post's notification travels, the values before it.
+    [[nodiscard]] bool IsPosting() const noexcept {
+        return fRowState == rsRegular && fOldState == rsEditing;
+    }
+
+    using TKdsItem::Notify;
+
+private:
+    friend class TKdsTable;
+    friend class TKdsTableRecordList;
+    friend class TKdsStateScope;
+    friend class TKdsView;
+
+    explicit TKdsRecord(TKdsTable* table) noexcept;
+    ~TKdsRecord() override = default;
+    static void* operator new(std::size_t, TKdsSlab& slab) { return slab.Allocate(); }
+    static void operator delete(void* block, TKdsSlab& slab) noexcept { slab.Free(block); }
+    // A record whose life has ended has no table any more and names its slab instead.
+    static void operator delete(TKdsRecord* record, std::destroying_delete_t) noexcept {
+        TKdsSlab* const slab = record->fBuffer.Slab;
+        record->~TKdsRecord();
+        slab->Free(record);
+    }
+    void Teardown() noexcept override;
+    void LeaveTable() noexcept;
+
+    [[nodiscard]] bool HasFlag(TKdsRecordFlag flag) const noexcept {
+        return (fRowFlags & (1u << static_cast<unsigned>(flag))) != 0;
+    }
+    void SetFlag(TKdsRecordFlag flag, bool value) noexcept;
+    [[nodiscard]] std::byte* Home() noexcept { return reinterpret_cast<std::byte*>(this + 1); }
+    [[nodiscard]] static bool IsTemporary(TKdsRecordState state) noexcept {
+        return state >= rsDefaults;
+    }
+    [[nodiscard]] TKdsRecordState EffectiveState() const noexcept {
+        return IsTemporary(fRowState) ? fOldState : fRowState;
+    }
+    [[nodiscard]] TKdsColumn* ColumnAt(std::int32_t index) const;
+    [[nodiscard]] TKdsColumn* ColumnBy(std::u16string_view name) const;
+    void CheckColumn(const TKdsColumn* column) const;
+    // Full-size, resident, never nullptr.
+    [[nodiscard]] std::byte* WritableBuffer();
+
+    // Called by the record list's notifications.
+    void PrepareInsert();
+    void ConfirmInsert();
+    void PrepareDelete();
+    void ConfirmDelete();
+    void CheckDelete() const;
+
+    void AssignDefaults();
+    void CalculateColumns(bool keepGoing);
+    [[nodiscard]] TVariant Compute(const TKdsColumn* column);
+    void RefreshDelayed(const TKdsColumn* column, const TKdsSlot& slot);
+    bool ReadComputed(const TKdsColumn* column, TKdsScratch& scratch, TKdsValue& value);
+    static bool ReadSlot(const TKdsSlot& slot, const std::byte* buffer, TKdsValue& value) noexcept;
+    void StoreValue(const TKdsColumn* column, const void* data, std::int32_t size);
+    void StoreText(const TKdsColumn* column, const TKdsSlot& slot, const void* data,
+                   std::int32_t size);
+    void StoreReference(const TKdsColumn* column, const TKdsSlot& slot, const void* data,
+                        std::int32_t size);
+    void StoreVariant(const TKdsColumn* column, const TVariant& value);
+    void StoreNull(const TKdsColumn* column);
+    void FinishPost(std::byte* old) noexcept;
+    void BringHome() noexcept;
+    [[noreturn]] static void RaiseMismatch(const TKdsColumn* column, std::u16string_view key);
+    [[noreturn]] static void RaiseNotRaw();
+
+    TKdsRecordState fRowState = rsDetached;
+    TKdsRecordState fOldState = rsDetached;
+    std::int8_t fDecimals = -1;
+    std::uint8_t fRowFlags = 0;
+    std::uint32_t fRowID = NoRowID;
+    TKdsTable* fTable;
+    TKdsBuffer fBuffer;
+};
+static_assert(sizeof(TKdsRecord) == 48, "a row costs these bytes and its values");
+
+// Enters a temporary state and restores both state fields, also on exceptions and when nested.
+class TKdsStateScope {
+public:
+    TKdsStateScope(TKdsRecord* record, TKdsRecordState state) noexcept
+        : fRecord(record), fRowState(record->fRowState), fOldState(record->fOldState) {
+        // From within a temporary state the state before it still decides about the buffer.
+        if (!TKdsRecord::IsTemporary(fRowState)) record->fOldState = fRowState;
+        record->fRowState = state;
+    }
+    // Reads of the record answer its posted values until the scope is left.
+    [[nodiscard]] static TKdsStateScope Posted(TKdsRecord* record) noexcept {
+        return TKdsStateScope(record);
+    }
+    ~TKdsStateScope() {
+        fRecord->fRowState = fRowState;
+        fRecord->fOldState = fOldState;
+    }
+    TKdsStateScope(const TKdsStateScope&) = delete;
+    TKdsStateScope& operator=(const TKdsStateScope&) = delete;
+
+private:
+    explicit TKdsStateScope(TKdsRecord* record) noexcept
+        : fRecord(record), fRowState(record->fRowState), fOldState(record->fOldState) {
+        if (record->EffectiveState() != rsEditing) return;
+        record->fRowState = rsOriginal;
+        record->fOldState = rsRegular;
+    }
+    TKdsRecord* fRecord;
+    TKdsRecordState fRowState;
+    TKdsRecordState fOldState;
+};
+
+template <typename T>
+std::optional<T> TKdsRecord::Get(const TKdsColumn* column) {
+    const void* data = nullptr;
+    std::int32_t size = 0;
+    if (!GetDataP(column, data, size)) return std::nullopt;
+    const TKdsDataType type = column->DataType();
+    if constexpr (std::is_same_v<T, std::string_view>) {
+        if (IsAnsiType(type))
+            return T(static_cast<const char*>(data), static_cast<std::size_t>(size));
+    } else if constexpr (std::is_same_v<T, TFixed>) {
+        if (type == dtFixed) {
+            return ToFixed(LoadRaw<std::int64_t>(data),
+                           LoadRaw<std::int16_t>(static_cast<const std::byte*>(data) + 8));
+        }
+    } else if constexpr (std::is_same_v<T, bool>) {
+        if (type == dtBoolean) return LoadRaw<std::uint8_t>(data) != 0;
+    } else {
+        if (IsRawForm<T>(type)) return LoadRaw<T>(data);
+    }
+    RaiseNotRaw();
+}
+
+// Wide text may lie unaligned in its slot, so it is copied out.
+template <>
+[[nodiscard]] std::optional<std::u16string> TKdsRecord::Get(const TKdsColumn* column);
+
+template <typename T>
+void TKdsRecord::Set(const TKdsColumn* column, const T& value) {
+    const TKdsDataType type = column->DataType();
+    if constexpr (std::is_convertible_v<const T&, std::string_view>) {
+        const std::string_view text = value;
+        if (IsAnsiType(type))
+            return SetDataP(column, text.data(), static_cast<std::int32_t>(text.size()));
+        SetDataC(column, TVariant(text));
+    } else if constexpr (std::is_convertible_v<const T&, std::u16string_view>) {
+        const std::u16string_view text = value;
+        if (type == dtWideString)
+            return SetDataP(column, text.data(), static_cast<std::int32_t>(text.size()));
+        SetDataC(column, TVariant(text));
+    } else if constexpr (std::is_same_v<T, TFixed>) {
+        if (type == dtFixed) {
+            std::byte raw[10];
+            StoreRaw(raw, value.Value);
+            StoreRaw(raw + 8, value.Scale);
+            return SetDataP(column, raw, 10);
+        }
+        SetDataC(column, FixedToVar(value));
+    } else {
+        if (IsRawForm<T>(type))
+            return SetDataP(column, &value, static_cast<std::int32_t>(sizeof(T)));
+        SetDataC(column, TVariant(value));
+    }
+}
+
+// Name=value of every column, in UTF-8; null prints as nothing.
+std::ostream& operator<<(std::ostream& stream, TKdsRecord& record);
+
+}  // namespace kds

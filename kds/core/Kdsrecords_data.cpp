@@ -1,0 +1,269 @@
+// How a record's values are found, read and written in their raw form.
+#include "kds/core/Kdsrecords.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "kds/core/Kdserrors.h"
+#include "kds/core/Kdstables.h"
+#include "kds/expr/Varconvert.h"
+#include "kds/platform/Text.h"
+
+namespace kds {
+namespace {
+
+// A calculation that reads calculations that read it would never end.
+constexpr std::int32_t MaximumComputeDepth = 32;
+
+}  // namespace
+
+void TKdsRecord::CheckColumn(const TKdsColumn* column) const {
+    if (fTable == nullptr) KdsError(u"RecordStateInvalid");
+    if (column == nullptr || column->Owner() != fTable->Columns()) {
+        throw EInvalidArgument(u"The column does not belong to the record's table");
+    }
+}
+
+TKdsColumn* TKdsRecord::ColumnAt(std::int32_t index) const {
+    if (fTable == nullptr) KdsError(u"RecordStateInvalid");
+    return fTable->Columns()->Items(index);
+}
+
+TKdsColumn* TKdsRecord::ColumnBy(std::u16string_view name) const {
+    if (fTable == nullptr) KdsError(u"RecordStateInvalid");
+    return fTable->Columns()->Columns(name);
+}
+
+void TKdsRecord::RaiseMismatch(const TKdsColumn* column, std::u16string_view key) {
+    KdsError(key, {column->Table()->Name(), column->Name()});
+}
+
+void TKdsRecord::RaiseNotRaw() { throw EVariantError(u"The column's values have another type"); }
+
+// ---- Reading ------------------------------------------------------------------------------
+
+// The slot holds a value. Memo texts and custom data are answered through their reference.
+bool TKdsRecord::ReadSlot(const TKdsSlot& slot, const std::byte* buffer,
+                          TKdsValue& value) noexcept {
+    const std::byte* const data = buffer + slot.Offset;
+    value.Type = slot.Type;
+    switch (slot.Type) {
+        case dtChar: {
+            const void* const end = std::memchr(data, 0, static_cast<std::size_t>(slot.Size));
+            value.Data = data;
+            value.Size = end == nullptr
+                             ? slot.Size
+                             : static_cast<std::int32_t>(static_cast<const std::byte*>(end) - data);
+            return true;
+        }
+        case dtAnsiString:
+        case dtWideString:
+            value.Data = data + 2;
+            value.Size = LoadRaw<std::uint16_t>(data);
+            return true;
+        case dtMemoString: {
+            const std::string_view text = TAnsiString::View(LoadRaw<void*>(data));
+            value.Data = reinterpret_cast<const std::byte*>(text.data());
+            value.Size = static_cast<std::int32_t>(text.size());
+            return true;
+        }
+        default:
+            value.Data = data;
+            value.Size = slot.Size;
+            return true;
+    }
+}
+
+bool TKdsRecord::ReadValue(const TKdsColumn* column, TKdsReading reading, TKdsScratch& scratch,
+                           TKdsValue& value) {
+    value = {};
+    const TKdsSlot& slot = fTable->Layout().Slot(column->Index());
+    if (slot.Kind == skComputed || slot.StampOffset >= 0) {
+        if (reading == TKdsReading::Posted) {
+            const TKdsStateScope posted = TKdsStateScope::Posted(this);
+            return ReadValue(column, TKdsReading::Current, scratch, value);
+        }
+        if (slot.Kind == skComputed) return ReadComputed(column, scratch, value);
+        RefreshDelayed(column, slot);
+    }
+    const std::byte* buffer = nullptr;
+    if (reading == TKdsReading::Posted && EffectiveState() == rsEditing) {
+        buffer = fBuffer.Original;
+    } else {
+        buffer = FindBuffer();
+    }
+    if (buffer == nullptr || !slot.HasValue(buffer)) return false;
+    return ReadSlot(slot, buffer, value);
+}
+
+// The value of a column that is not stored, in the raw form that a slot would hold.
+bool TKdsRecord::ReadComputed(const TKdsColumn* column, TKdsScratch& scratch, TKdsValue& value) {
+    const TVariant computed = Compute(column);
+    if (!computed.Assigned()) return false;
+    value.Type = column->DataType();
+    switch (column->DataType()) {
+        case dtChar:
+        case dtAnsiString:
+        case dtMemoString:
+            scratch.Ansi = VarToAnsi(computed);
+            value.Data = reinterpret_cast<const std::byte*>(scratch.Ansi.data());
+            value.Size = static_cast<std::int32_t>(scratch.Ansi.size());
+            return true;
+        case dtWideString:
+            scratch.Wide = VarToStr(computed);
+            value.Data = reinterpret_cast<const std::byte*>(scratch.Wide.data());
+            value.Size = static_cast<std::int32_t>(scratch.Wide.size());
+            return true;
+        case dtCustomData:
+            scratch.Intf = VarToIntf(computed);
+            StoreRaw(scratch.Number, scratch.Intf.Get());
+            break;
+        default: {
+            // The two small integers have no usable form of their own; their low bytes are those
+            // of the 32-bit value.
+            const bool small = column->DataType() == dtShort || column->DataType() == dtSmall;
+            std::int32_t length = 0;
+            VarToBuffer(small ? dtInteger : column->DataType(), computed, scratch.Number, length);
+            break;
+        }
+    }
+    value.Data = scratch.Number;
+    value.Size = column->DataSize();
+    return true;
+}
+
+TVariant TKdsRecord::Compute(const TKdsColumn* column) {
+    if (!column->OnGetValue() || fTable->fComputeDepth >= MaximumComputeDepth) return Null;
+    TVariant value = Null;
+    ++fTable->fComputeDepth;
+    TScopeGuard leave([table = fTable] { --table->fComputeDepth; });
+    TKdsBusyScope busy(fTable);
+    TKdsStateScope calculating(this, rsCalculate);
+    const TKdsGetValueEvent routine = column->OnGetValue();
+    routine(const_cast<TKdsColumn*>(column), this, value);
+    return value;
+}
+
+// A delayed column is calculated by the first read after a change of the table.
+void TKdsRecord::RefreshDelayed(const TKdsColumn* column, const TKdsSlot& slot) {
+    const std::byte* const buffer = FindBuffer();
+    const auto version = static_cast<std::uint32_t>(fTable->fVersion);
+    if (buffer == nullptr || LoadRaw<std::uint32_t>(buffer + slot.StampOffset) == version) return;
+    const TVariant value = Compute(column);
+    TKdsStateScope calculating(this, rsCalculate);
+    StoreVariant(column, value);
+    StoreRaw(WritableBuffer() + slot.StampOffset, version);
+}
+
+bool TKdsRecord::GetDataP(const TKdsColumn* column, const void*& data, std::int32_t& size) {
+    CheckColumn(column);
+    TKdsValue value;
+    const bool found = ReadValue(column, TKdsReading::Current, fTable->fScratch, value);
+    data = value.Data;
+    size = value.Size;
+    return found;
+}
+
+bool TKdsRecord::GetIsNullC(const TKdsColumn* column) {
+    const void* data = nullptr;
+    std::int32_t size = 0;
+    return !GetDataP(column, data, size);
+}
+
+// ---- Writing ------------------------------------------------------------------------------
+
+void TKdsRecord::SetDataP(const TKdsColumn* column, const void* data, std::int32_t size) {
+    CheckWrite(column);
+    StoreValue(column, data, size);
+}
+
+void TKdsRecord::SetNullC(const TKdsColumn* column) {
+    CheckWrite(column);
+    StoreNull(column);
+}
+
+// Everything that can fail happens before the slot is touched.
+void TKdsRecord::StoreValue(const TKdsColumn* column, const void* data, std::int32_t size) {
+    const TKdsSlot& slot = fTable->Layout().Slot(column->Index());
+    if (data == nullptr && size != 0) throw EInvalidArgument(u"A value needs its data");
+    switch (slot.Kind) {
+        case skComputed: KdsError(u"DataTypeUnsupported");
+        case skMemo:
+        case skCustom: StoreReference(column, slot, data, size); return;
+        case skPlain: break;
+    }
+    if (IsTextType(slot.Type)) {
+        StoreText(column, slot, data, size);
+        return;
+    }
+    if (size != slot.Size) RaiseMismatch(column, u"DataBufferMismatch");
+    std::byte raw[16];
+    std::memcpy(raw, data, static_cast<std::size_t>(size));  // it may lie in this very buffer
+    std::byte* const buffer = WritableBuffer();
+    std::memcpy(buffer + slot.Offset, raw, static_cast<std::size_t>(size));
+    slot.MarkValue(buffer);
+}
+
+void TKdsRecord::StoreText(const TKdsColumn* column, const TKdsSlot& slot, const void* data,
+                           std::int32_t size) {
+    if (size < 0) RaiseMismatch(column, u"DataBufferMismatch");
+    if (size > column->Length()) RaiseMismatch(column, u"DataBufferOverflow");
+    const std::size_t bytes =
+        static_cast<std::size_t>(size) * (slot.Type == dtWideString ? sizeof(char16_t) : 1);
+    // Making a compact buffer full-size would move the source under our feet.
+    const bool ours = fTable->fOptions.Has(mtoStripNulls) && EffectiveState() == rsRegular;
+    std::string copy;
+    if (ours) {
+        copy.assign(static_cast<const char*>(data), bytes);
+        data = copy.data();
+    }
+    std::byte* const buffer = WritableBuffer();
+    std::byte* const target = buffer + slot.Offset;
+    if (slot.Type == dtChar) {
+        if (bytes > 0) std::memmove(target, data, bytes);
+        std::memset(target + bytes, 0, static_cast<std::size_t>(slot.Size) - bytes);
+    } else {
+        if (bytes > 0) std::memmove(target + 2, data, bytes);
+        StoreRaw(target, static_cast<std::uint16_t>(size));
+    }
+    slot.MarkValue(buffer);
+}
+
+// The new reference is taken before the old one is dropped: both may be the same text.
+void TKdsRecord::StoreReference(const TKdsColumn* column, const TKdsSlot& slot, const void* data,
+                                std::int32_t size) {
+    if (slot.Kind == skMemo) {
+        if (size < 0) RaiseMismatch(column, u"DataBufferMismatch");
+        TAnsiString text = fTable->Strings()->ReferString(
+            column, {static_cast<const char*>(data), static_cast<std::size_t>(size)});
+        std::byte* const buffer = WritableBuffer();
+        TAnsiString previous = TAnsiString::Attach(LoadRaw<void*>(buffer + slot.Offset));
+        StoreRaw(buffer + slot.Offset, text.Detach());
+        slot.MarkValue(buffer);
+        fTable->Strings()->ClearString(column, previous);
+        return;
+    }
+    if (size != slot.Size) RaiseMismatch(column, u"DataBufferMismatch");
+    const TIntf<IInterface> intf = BufferToIntf(data);
+    std::byte* const buffer = WritableBuffer();
+    IntfToBuffer(buffer + slot.Offset, intf);
+    slot.MarkValue(buffer);
+}
+
+void TKdsRecord::StoreNull(const TKdsColumn* column) {
+    const TKdsSlot& slot = fTable->Layout().Slot(column->Index());
+    if (slot.Kind == skComputed) KdsError(u"DataTypeUnsupported");
+    std::byte* const buffer = WritableBuffer();
+    if (slot.Kind == skMemo) {
+        TAnsiString previous = TAnsiString::Attach(LoadRaw<void*>(buffer + slot.Offset));
+        StoreRaw<void*>(buffer + slot.Offset, nullptr);
+        fTable->Strings()->ClearString(column, previous);
+    } else if (slot.Kind == skCustom) {
+        IntfToBuffer(buffer + slot.Offset, nullptr);
+    } else {
+        std::memset(buffer + slot.Offset, 0, static_cast<std::size_t>(slot.Size));
+    }
+    slot.MarkNull(buffer);
+}
+
+}  // namespace kds

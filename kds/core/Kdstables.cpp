@@ -1,0 +1,254 @@
+#include "kds/core/Kdstables.h"
+
+#include "kds/core/Kdserrors.h"
+#include "kds/core/Kdsstores.h"
+#include "kds/views/Kdsevents.h"
+#include "kds/views/Kdsstorages.h"
+#include "kds/views/Kdsviewlists.h"
+#include "kds/views/Kdsviews.h"
+
+namespace kds {
+
+// ---- Life ---------------------------------------------------------------------------------
+
+TKdsTable::TKdsTable(std::u16string_view name) : TKdsName(nullptr, name) {}
+
+TKdsTable::~TKdsTable() = default;
+
+TOwned<TKdsTable> TKdsTable::Create(std::u16string_view name) {
+    TOwned<TKdsTable> table(new TKdsTable(name));
+    table->Init();
+    return table;
+}
+
+void TKdsTable::Init() {
+    fStrings = MakeOwned<TKdsStringManager>();
+    fStorageFactory = MakeIntf<TKdsStorageFactory>();
+    fColumns.reset(new TKdsTableColumnList(this));
+    fRecords.reset(new TKdsTableRecordList(this));
+    fViews.reset(new TKdsViewList(this));
+}
+
+// A table whose engine is running a callback of the host cannot end under it.
+void TKdsTable::BeforeDestruction() {
+    CheckNotBusy();
+    TKdsName::BeforeDestruction();
+}
+
+void TKdsTable::Teardown() noexcept {
+    fStatus = mtsDestroy;
+    try {
+        NotifySextons();
+    } catch (...) {
+    }
+    // The views go before the rows: they need not follow each one out.
+    if (fViews != nullptr) {
+        try {
+            fViews->SetActive(false);
+        } catch (...) {
+        }
+    }
+    fRecords.reset();
+    fEvents.clear();
+    BuryDead();
+    DropLocator();
+    fViews.reset();
+    ReleaseDetached();
+    ForgetScopes();
+    fColumns.reset();
+    GiveBack(std::exchange(fSpareBuffer, nullptr));
+    if (fSlab != nullptr) std::exchange(fSlab, nullptr)->Abandon();
+    fDeacons.clear();
+    fSextons.clear();
+    TKdsName::Teardown();
+}
+
+const TIntf<IKdsStorageFactory>& TKdsTable::StorageFactory() const noexcept {
+    return fStorageFactory;
+}
+
+void TKdsTable::SetStorageFactory(TIntf<IKdsStorageFactory> factory) {
+    if (!factory) throw EInvalidArgument(u"A table needs a storage factory");
+    fStorageFactory = std::move(factory);
+}
+
+TKdsStringManager* TKdsTable::Strings() const noexcept { return fStrings.get(); }
+
+void TKdsTable::SetOptions(TKdsTableOptions value) {
+    if (value == fOptions) return;
+    if (value.Has(mtoStripNulls) != fOptions.Has(mtoStripNulls)) {
+        CheckRestructure();
+        fOptions = value;
+        LayoutChanged();
+        return;
+    }
+    fOptions = value;
+}
+
+void TKdsTable::SetMaxRecordsInMemory(std::int32_t value) {
+    if (value != 0) KdsNotAvailable(u"A limit of records in memory");
+}
+
+// ---- Rows ---------------------------------------------------------------------------------
+
+TOwned<TKdsRecord> TKdsTable::NewRow(bool defaults) { return TKdsRecord::Create(this, defaults); }
+
+TOwned<TKdsRecord> TKdsTable::NewRow(std::span<const TVariant> values, bool defaults) {
+    TOwned<TKdsRecord> record = NewRow(defaults);
+    record->SetValues(values);
+    return record;
+}
+
+TOwned<TKdsRecord> TKdsTable::NewRow(std::initializer_list<TVariant> values, bool defaults) {
+    return NewRow(std::span<const TVariant>(values.begin(), values.size()), defaults);
+}
+
+TKdsRecord* TKdsTable::Insert(std::span<const TVariant> values) {
+    return fRecords->Add(NewRow(values, true));
+}
+
+TKdsRecord* TKdsTable::Insert(std::initializer_list<TVariant> values) {
+    return Insert(std::span<const TVariant>(values.begin(), values.size()));
+}
+
+TKdsRecord* TKdsTable::Upsert(std::span<const TVariant> values) {
+    TKdsRecord* const record = FindByColumnValues(values);
+    if (record == nullptr) return Insert(values);
+    record->Cancel();
+    TKdsEdit edit(record);
+    record->SetValues(values);
+    edit.Post();
+    return record;
+}
+
+TKdsRecord* TKdsTable::Upsert(std::initializer_list<TVariant> values) {
+    return Upsert(std::span<const TVariant>(values.begin(), values.size()));
+}
+
+bool TKdsTable::Delete(std::span<const TVariant> values) {
+    TKdsRecord* const record = fRecords->Find(values);
+    if (record == nullptr) return false;
+    record->Delete();
+    return true;
+}
+
+bool TKdsTable::Delete(std::initializer_list<TVariant> values) {
+    return Delete(std::span<const TVariant>(values.begin(), values.size()));
+}
+
+void TKdsTable::FollowAutoIncrement(TKdsRecord* record) {
+    for (TKdsColumn* const column : *fColumns) {
+        if (!column->fOccurences.Has(coAutoInc)) continue;
+        const TVariant value = record->GetDataC(column);
+        std::int64_t number = 0;
+        const bool isNumber = value.Visit([&]<typename T>(const T& held) {
+            if constexpr (std::is_integral_v<T> && !std::is_same_v<T, bool>) {
+                number = static_cast<std::int64_t>(held);
+                return true;
+            }
+            return false;
+        });
+        const std::int64_t step = column->fAutoIncStep;
+        const bool beyond =
+            step > 0 ? number >= column->fAutoIncNext : step < 0 && number <= column->fAutoIncNext;
+        if (isNumber && beyond) column->fAutoIncNext = number + step;
+    }
+}
+
+// ---- Notifications ------------------------------------------------------------------------
+
+void TKdsTable::Notify(TNotification* notification) {
+    if (notification->Sender->Sphere() != spData || !notification->Stands()) {
+        TKdsName::Notify(notification);
+        return;
+    }
+    TKdsSteps steps(notification);
+    if (notification->Action != acStatusChanged) {
+        fVersion = static_cast<std::int32_t>(static_cast<std::uint32_t>(fVersion) + 1);
+    }
+    if (notification->Action == acConfirmDelete || notification->Action == acConfirmUpdate) {
+        fKeyFailed = false;  // the rows may fit the key now
+    }
+    if (fViews != nullptr) steps.Run([&] { fViews->Handle(notification); });
+    if (notification->Action == acConfirmDelete && !fDeacons.empty()) {
+        steps.Run([&] { NotifyDeacons(static_cast<TKdsRecord*>(notification->Target)); });
+    }
+    steps.Run([&] { TKdsName::Notify(notification); });
+    steps.Finish();
+}
+
+void TKdsTable::Handle(TNotification* notification) {
+    // Data were dealt with on their way up; a table without a store would meet them again here.
+    if (notification->Sender->Sphere() == spData) return;
+    TKdsSteps steps(notification);
+    if (fColumns != nullptr) steps.Run([&] { fColumns->Handle(notification); });
+    if (fViews != nullptr) steps.Run([&] { fViews->Handle(notification); });
+    UnlinkDeleted(notification);
+    steps.Finish();
+}
+
+// Whoever holds a pointer clears it when the object has left its list.
+void TKdsTable::UnlinkDeleted(TNotification* notification) noexcept {
+    TKdsItem* gone = nullptr;
+    if (notification->Action == acConfirmDelete) gone = notification->Target;
+    if (notification->Action == acObjectDestroy) gone = notification->Sender;
+    if (gone == nullptr) return;
+    if (gone == fDefaultView) fDefaultView = nullptr;
+    if (gone == fPrimaryView) fPrimaryView = nullptr;
+}
+
+void TKdsTable::RaiseBusy() const { KdsError(u"RecordStateInvalid"); }
+
+// ---- Observers ----------------------------------------------------------------------------
+
+namespace {
+
+// Over a copy that holds them: an observer may take itself out while it is told.
+template <typename F>
+void TellAll(const std::vector<TIntf<IKdsSexton>>& observers, F&& tell) {
+    const std::vector<TIntf<IKdsSexton>> told = observers;
+    TFirstError errors;
+    for (const TIntf<IKdsSexton>& observer : told) errors.Run([&] { tell(*observer); });
+    errors.Rethrow();
+}
+
+}  // namespace
+
+void TKdsTable::AppendDeacon(TIntf<IKdsSexton> observer) {
+    if (observer) fDeacons.push_back(std::move(observer));
+}
+
+void TKdsTable::RemoveDeacon(const TIntf<IKdsSexton>& observer) { std::erase(fDeacons, observer); }
+
+void TKdsTable::NotifyDeacons(TKdsRecord* record) {
+    TellAll(fDeacons, [&](IKdsSexton& observer) { observer.RecordDeleted(this, record); });
+}
+
+void TKdsTable::AppendSexton(TIntf<IKdsSexton> observer) {
+    if (observer) fSextons.push_back(std::move(observer));
+}
+
+void TKdsTable::RemoveSexton(const TIntf<IKdsSexton>& observer) { std::erase(fSextons, observer); }
+
+void TKdsTable::NotifySextons() {
+    TellAll(fSextons, [&](IKdsSexton& observer) { observer.TableDestroyed(this); });
+}
+
+// ---- Consistency --------------------------------------------------------------------------
+
+const char* TKdsTable::Inconsistency() const {
+    if (!fColumns->IsConsistent()) return "columns, name index or layout";
+    if (!fRecords->IsConsistent()) return "record list";
+    if (fBusy != 0 || fBracket != 0 || fTravels != 0) return "an open change";
+    if (fStagedEvents != 0 || !fEvents.empty() || !fDead.empty()) return "events left over";
+    for (std::size_t i = 0; i < fDetached.size(); ++i) {
+        const TKdsRecord* const record = fDetached[i];
+        if (record->EffectiveState() != rsDetached ||
+            record->fBuffer.DetachedSlot != static_cast<std::int64_t>(i)) {
+            return "list of detached records";
+        }
+    }
+    return fViews->Inconsistency();
+}
+
+}  // namespace kds

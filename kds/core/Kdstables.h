@@ -1,0 +1,385 @@
+// Tables: columns, records and views under one roof, and the rules by which they meet.
+//
+// Shape      A table owns its column list, record list and view list. A change of its records
+//            opens a change bracket; when the outermost bracket closes, the views' links hear what
+//            happened. Load brackets (EnterLoad, LeaveLoad) switch the views off and on.
+// Units      Row identifiers count up from 0 and start again when the table is cleared.
+// Ownership  A table belongs to its store's table list, or to who created it. NewRow answers a
+//            detached record of the caller's; Insert and its like answer borrowed records.
+// Errors     EKdsError with the messages of the catalogue; a refused operation changes nothing.
+//            An error of a receiver that hears a change which stands (a view that cannot build,
+//            a link) is raised when the operation is complete.
+// Cost       Insert, Post and Delete O(log n) for the key and for each view whose order is touched.
+// Validity   Records live until deleted; detached records may outlive the table and then only
+//            raise RecordStateInvalid.
+// Threads    A store and everything in it is used by one thread at a time.
+#pragma once
+
+#include <algorithm>
+#include <initializer_list>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "kds/core/Kdscolumns.h"
+#include "kds/core/Kdsdata.h"
+#include "kds/core/Kdsrecordlists.h"
+#include "kds/core/Kdsrecords.h"
+#include "kds/core/Kdsstrings.h"
+
+namespace kds {
+
+class IKdsStorageFactory;
+class IKdsViewFactory;
+class TKdsAcceptRecordProc;
+class TKdsStore;
+class TKdsTableScope;
+class TKdsView;
+class TKdsViewList;
+struct TKdsEvent;
+struct TKdsQueuedEvent;
+
+enum class TKdsTableOption : std::uint8_t {
+    mtoSkipPKCheck,
+    mtoOnceLoaded,
+    mtoStaticData,
+    mtoStripNulls
+};
+using enum TKdsTableOption;
+using TKdsTableOptions = TSet<TKdsTableOption>;
+
+enum class TKdsTableStatus : std::uint8_t { mtsRegular, mtsDestroy, mtsMassive, mtsUploads };
+using enum TKdsTableStatus;
+
+// Watches the end of records (as a deacon, told when the deletion is confirmed) or of the table
+// (as a sexton, told when it goes).
+class IKdsSexton : public IInterface {
+public:
+    virtual void RecordDeleted(TKdsTable* table, TKdsRecord* record) = 0;
+    virtual void TableDestroyed(TKdsTable* table) = 0;
+};
+
+using TKdsComparer = TDelegate<std::int32_t(TKdsRecord*, TKdsRecord*)>;
+using TKdsAcceptRecordEvent = TDelegate<void(TKdsView*, TKdsRecord*, bool&)>;
+
+// Which columns a post has changed, by column index.
+class TKdsColumnMask {
+public:
+    void Reset(std::int32_t columnCount) { fWords.assign(Words(columnCount), 0); }
+    void Include(std::int32_t column) noexcept { fWords[At(column)] |= Bit(column); }
+    [[nodiscard]] bool Has(std::int32_t column) const noexcept {
+        return At(column) < fWords.size() && (fWords[At(column)] & Bit(column)) != 0;
+    }
+    [[nodiscard]] bool Meets(const TKdsColumnMask& other) const noexcept {
+        const std::size_t words = std::min(fWords.size(), other.fWords.size());
+        for (std::size_t i = 0; i < words; ++i) {
+            if ((fWords[i] & other.fWords[i]) != 0) return true;
+        }
+        return false;
+    }
+
+private:
+    static std::size_t Words(std::int32_t count) noexcept {
+        return (static_cast<std::size_t>(count) + 63) / 64;
+    }
+    static std::size_t At(std::int32_t column) noexcept {
+        return static_cast<std::size_t>(column) / 64;
+    }
+    static std::uint64_t Bit(std::int32_t column) noexcept {
+        return std::uint64_t{1} << (column % 64);
+    }
+    std::vector<std::uint64_t> fWords;
+};
+
+class TKdsTable : public TKdsName {
+public:
+    [[nodiscard]] static TOwned<TKdsTable> Create(std::u16string_view name);
+
+    [[nodiscard]] TKdsTableColumnList* Columns() const noexcept { return fColumns.get(); }
+    [[nodiscard]] TKdsTableRecordList* Records() const noexcept { return fRecords.get(); }
+    [[nodiscard]] TKdsViewList* Views() const noexcept { return fViews.get(); }
+    [[nodiscard]] TKdsStore* Store() const noexcept { return fStore; }
+    [[nodiscard]] TKdsStringManager* Strings() const noexcept;
+    [[nodiscard]] const std::u16string& Caption() const noexcept { return fCaption; }
+    void SetCaption(std::u16string_view value) { fCaption = value; }
+    [[nodiscard]] TKdsTableStatus Status() const noexcept { return fStatus; }
+    [[nodiscard]] TKdsTableOptions Options() const noexcept { return fOptions; }
+    // mtoStripNulls changes how rows are kept: refused while there are any.
+    void SetOptions(TKdsTableOptions value);
+    [[nodiscard]] bool Modified() const noexcept { return fModified; }
+    void SetModified(bool value) noexcept { fModified = value; }
+    [[nodiscard]] std::int32_t Tag() const noexcept { return fTag; }
+    void SetTag(std::int32_t value) noexcept { fTag = value; }
+    [[nodiscard]] std::int32_t Version() const noexcept { return fVersion; }
+    [[nodiscard]] std::uint32_t LastRowID() const noexcept { return fLastRowID; }
+    [[nodiscard]] std::int32_t OrphanRows() const noexcept { return fOrphanRows; }
+    // Views made later use it.
+    [[nodiscard]] const TIntf<IKdsStorageFactory>& StorageFactory() const noexcept;
+    void SetStorageFactory(TIntf<IKdsStorageFactory> factory);
+    // Rows beyond which the oldest would leave memory: this version keeps all rows resident.
+    void SetMaxRecordsInMemory(std::int32_t value);
+
+    // ---- Rows ----
+    [[nodiscard]] TOwned<TKdsRecord> NewRow(bool defaults = true);
+    [[nodiscard]] TOwned<TKdsRecord> NewRow(std::span<const TVariant> values, bool defaults = true);
+    [[nodiscard]] TOwned<TKdsRecord> NewRow(std::initializer_list<TVariant> values,
+                                            bool defaults = true);
+    // Values in column order.
+    TKdsRecord* Insert(std::span<const TVariant> values);
+    TKdsRecord* Insert(std::initializer_list<TVariant> values);
+    // Changes the row with the same primary key, or inserts.
+    TKdsRecord* Upsert(std::span<const TVariant> values);
+    TKdsRecord* Upsert(std::initializer_list<TVariant> values);
+    // By the values of the primary key, in key order; answers whether there was such a row. Fewer
+    // values than the key has columns mean the first row that begins with them.
+    bool Delete(std::span<const TVariant> values);
+    bool Delete(std::initializer_list<TVariant> values);
+    void Clear();
+
+    // ---- Load brackets ----
+    // Only the outermost pair acts. mtsMassive and mtsDestroy switch the views off; LeaveLoad
+    // builds them again and then raises the first error, a duplicate key for instance.
+    void EnterLoad(TKdsTableStatus status);
+    void LeaveLoad();
+
+    // ---- Keys and views ----
+    [[nodiscard]] std::u16string GetPrimaryKey() const;
+    void SetPrimaryKey(std::u16string_view orderText);
+    [[nodiscard]] TKdsView* PrimaryView() const noexcept { return fPrimaryView; }
+    [[nodiscard]] TKdsView* DefaultView() const noexcept { return fDefaultView; }
+    [[nodiscard]] bool IsKeyColumn(const TKdsColumn* column) const;
+    // Brought up to date; made when there is none and `create` > 0.
+    TKdsView* GetDefaultView(std::int32_t create = 1);
+    // New views, owned by the view list. An empty order text means the primary key's order, or
+    // with `unordered` the order of the row identifiers.
+    TKdsView* Select(std::u16string_view orderBy, std::u16string_view filter = {},
+                     TKdsAcceptRecordEvent onAccept = nullptr, bool unordered = false);
+    TKdsView* SelectA(std::u16string_view orderBy, std::u16string_view filter,
+                      TIntf<TKdsAcceptRecordProc> acceptProc, bool unordered = false);
+    TKdsView* SelectEx(std::u16string_view orderBy, TKdsComparer onCompare,
+                       std::u16string_view filter = {}, TKdsAcceptRecordEvent onAccept = nullptr,
+                       bool unordered = false, TIntf<IKdsViewFactory> viewFactory = nullptr);
+    void RebuildViews(bool full);
+    [[nodiscard]] bool HasFilters() const noexcept { return false; }
+
+    // ---- Observers ----
+    void AppendDeacon(TIntf<IKdsSexton> observer);
+    void RemoveDeacon(const TIntf<IKdsSexton>& observer);
+    void NotifyDeacons(TKdsRecord* record);
+    void AppendSexton(TIntf<IKdsSexton> observer);
+    void RemoveSexton(const TIntf<IKdsSexton>& observer);
+    void NotifySextons();
+
+    using TKdsName::Notify;
+    void Notify(TNotification* notification) override;
+    void Handle(TNotification* notification) override;
+    // The first broken rule of the table, its lists and views; nullptr when all hold. O(n log n).
+    [[nodiscard]] const char* Inconsistency() const;
+
+    // ---- For the library ----
+    void CheckRestructure();
+    void LayoutChanged() noexcept;
+    // Host callbacks run inside the engine: rows and views must stay as they are.
+    [[nodiscard]] bool IsBusy() const noexcept { return fBusy > 0; }
+    // Nor may the rows change while a change of them is travelling.
+    void CheckNotBusy() const {
+        if ((fBusy | fTravels) != 0) RaiseBusy();
+    }
+    [[nodiscard]] bool InBracket() const noexcept { return fBracket > 0; }
+    void CountStagedEvent() noexcept { ++fStagedEvents; }
+    [[nodiscard]] bool TakeStagedEvents() noexcept { return std::exchange(fStagedEvents, 0) > 0; }
+    void QueueEvent(TKdsView* view, const TKdsEvent& event);
+    void ForgetView(TKdsView* view) noexcept;
+    void ForgetRecord(const TKdsRecord* record) noexcept;
+    [[nodiscard]] const TKdsColumnMask& ChangedColumns() const noexcept { return fChanged; }
+    // The primary view, brought up to date where that is possible now; nullptr when there is none
+    // that can be asked.
+    [[nodiscard]] TKdsView* UsablePrimaryView();
+    // A detached scratch record with these key values; good until its next use.
+    [[nodiscard]] TKdsRecord* Locator();
+    [[nodiscard]] const TKdsLayout& Layout() const noexcept { return fColumns->Layout(); }
+
+protected:
+    explicit TKdsTable(std::u16string_view name);
+    ~TKdsTable() override;
+    void Init();
+    void BeforeDestruction() override;
+    void Teardown() noexcept override;
+
+private:
+    friend class TKdsTableList;
+    friend class TKdsTableRecordList;
+    friend class TKdsRecord;
+    friend class TKdsChangeBracket;
+    friend class TKdsBusyScope;
+    friend class TKdsTravelScope;
+    friend class TKdsTableScope;
+    friend class TKdsView;
+    friend class TKdsViewList;
+
+    [[noreturn]] void RaiseBusy() const;
+    // ---- Buffers ----
+    [[nodiscard]] TKdsSlab& Slab();
+    [[nodiscard]] bool KeepsHome() const noexcept { return !fOptions.Has(mtoStripNulls); }
+    [[nodiscard]] std::byte* InitBuffer();
+    void FreeBuffer(TKdsRecord* record, std::byte* buffer) noexcept;
+    void GiveBack(std::byte* buffer) noexcept;
+    [[nodiscard]] std::byte* CopyBuffer(const std::byte* source);
+    void CompactBuffer(TKdsRecord* record) noexcept;
+    [[nodiscard]] std::byte* ExpandBuffer(TKdsRecord* record);
+    void RetainReferences(const std::byte* buffer) noexcept;
+    void ReleaseReferences(std::byte* buffer) noexcept;
+    // ---- Detached rows ----
+    void Track(TKdsRecord* record);
+    void ReserveTrack();
+    void Untrack(TKdsRecord* record) noexcept;
+    void DropLocator() noexcept;
+    void ReleaseDetached() noexcept;
+    // ---- Changes ----
+    void FindChanges(const std::byte* before, const std::byte* after);
+    void CheckUniqueViews(TKdsRecord* record);
+    void ReservePlaces();
+    void FollowAutoIncrement(TKdsRecord* record);
+    void CloseBracket(TFirstError& errors) noexcept;
+    void DeliverEvents(TFirstError& errors) noexcept;
+    void BuryDead() noexcept;
+    void ForgetScopes() noexcept;
+    void UnlinkDeleted(TNotification* notification) noexcept;
+    // ---- Keys ----
+    void ChangePrimaryKey(const std::u16string& key);
+    void MakePrimaryKey(const std::u16string& key);
+    void DropPrimaryKey();
+    [[nodiscard]] TKdsRecord* FindByColumnValues(std::span<const TVariant> values);
+    TKdsView* EnterView(TOwned<TKdsView>&& view);
+    TKdsView* DoSelect(std::u16string_view orderBy, TKdsComparer onCompare,
+                       std::u16string_view filter, TKdsAcceptRecordEvent onAccept,
+                       TIntf<TKdsAcceptRecordProc> acceptProc, bool unordered,
+                       const TIntf<IKdsViewFactory>& viewFactory);
+
+    std::u16string fCaption;
+    TOwned<TKdsTableColumnList> fColumns;
+    TKdsView* fDefaultView = nullptr;
+    TKdsView* fPrimaryView = nullptr;
+    std::uint32_t fLastRowID = 0;
+    std::int32_t fLoadLocks = 0;
+    TKdsTableOptions fOptions;
+    std::int32_t fOrphanRows = 0;
+    TOwned<TKdsTableRecordList> fRecords;
+    TOwned<TKdsRecord> fLocator;
+    bool fModified = false;
+    TKdsTableStatus fStatus = mtsRegular;
+    TKdsStore* fStore = nullptr;
+    TOwned<TKdsStringManager> fStrings;
+    std::int32_t fVersion = 0;
+    TOwned<TKdsViewList> fViews;
+    std::int32_t fTag = 0;
+    TIntf<IKdsStorageFactory> fStorageFactory;
+    std::vector<TIntf<IKdsSexton>> fDeacons;
+    std::vector<TIntf<IKdsSexton>> fSextons;
+
+    TKdsSlab* fSlab = nullptr;
+    std::byte* fSpareBuffer = nullptr;
+    std::vector<TKdsRecord*> fDetached;
+    std::vector<TKdsRecord*> fDead;  // deleted in the open bracket, whole until it closes
+    std::vector<TKdsQueuedEvent> fEvents;
+    TKdsColumnMask fChanged;
+    std::int32_t fBusy = 0;
+    std::int32_t fTravels = 0;
+    std::int32_t fBracket = 0;
+    std::int32_t fPreparing = 0;  // unique views that are making their columns not null
+    std::int32_t fStagedEvents = 0;
+    std::int32_t fComputeDepth = 0;
+    TKdsTableScope* fScopes = nullptr;
+    bool fDelivers = false;
+    bool fKeyFailed =
+        false;  // the primary view could not be built; deleting or posting a row clears it
+    TKdsScratch fScratch;  // of the public reads
+};
+
+// Around each insertion, post and deletion: the outermost one delivers the views' events as its
+// last act and then frees the rows that were deleted.
+class TKdsChangeBracket {
+public:
+    explicit TKdsChangeBracket(TKdsTable* table) noexcept : fTable(table) { ++table->fBracket; }
+    ~TKdsChangeBracket() {
+        if (fTable == nullptr) return;
+        TFirstError unheard;  // the operation itself is raising
+        Close(unheard);
+    }
+    void Close(TFirstError& errors) noexcept {
+        std::exchange(fTable, nullptr)->CloseBracket(errors);
+    }
+    TKdsChangeBracket(const TKdsChangeBracket&) = delete;
+    TKdsChangeBracket& operator=(const TKdsChangeBracket&) = delete;
+
+private:
+    TKdsTravelGuard fGuard;
+    TKdsTable* fTable;
+};
+
+// While host callbacks run inside the engine: changing the same table raises RecordStateInvalid.
+class TKdsBusyScope {
+public:
+    explicit TKdsBusyScope(TKdsTable* table) noexcept : fTable(table) { ++table->fBusy; }
+    ~TKdsBusyScope() { --fTable->fBusy; }
+    TKdsBusyScope(const TKdsBusyScope&) = delete;
+    TKdsBusyScope& operator=(const TKdsBusyScope&) = delete;
+
+private:
+    TKdsTable* fTable;
+};
+
+// While the notifications of one change of the records travel: another change is refused.
+class TKdsTravelScope {
+public:
+    explicit TKdsTravelScope(TKdsTable* table) noexcept : fTable(table) { ++table->fTravels; }
+    ~TKdsTravelScope() { Leave(); }
+    void Leave() noexcept {
+        if (fTable != nullptr) --std::exchange(fTable, nullptr)->fTravels;
+    }
+    TKdsTravelScope(const TKdsTravelScope&) = delete;
+    TKdsTravelScope& operator=(const TKdsTravelScope&) = delete;
+
+private:
+    TKdsTable* fTable;
+};
+
+// What a scope of the host holds on to; the table clears it when the record or the table goes.
+class TKdsTableScope {
+public:
+    TKdsTableScope(const TKdsTableScope&) = delete;
+    TKdsTableScope& operator=(const TKdsTableScope&) = delete;
+
+protected:
+    explicit TKdsTableScope(TKdsTable* table);
+    ~TKdsTableScope();
+    void CheckOpen() const;  // RecordStateInvalid once there is nothing to end
+
+    TKdsTable* fTable;
+    TKdsRecord* fRecord = nullptr;
+    bool fOpen = true;
+
+private:
+    friend class TKdsTable;
+    TKdsTableScope* fNext;
+};
+
+// An edit that is cancelled unless it was posted.
+class TKdsEdit : public TKdsTableScope {
+public:
+    explicit TKdsEdit(TKdsRecord* record);
+    ~TKdsEdit();
+    void Post();
+    TKdsRecord* operator->() const noexcept { return fRecord; }
+};
+
+// A load bracket. Leave raises what the rebuilt views have to say; the destructor does not.
+class TKdsLoad : public TKdsTableScope {
+public:
+    TKdsLoad(TKdsTable* table, TKdsTableStatus status);
+    ~TKdsLoad();
+    void Leave();
+};
+
+}  // namespace kds

@@ -1,0 +1,260 @@
+// A table's keys: the primary view, the checks that rest on it, the default view and selections.
+#include "kds/core/Kdstables.h"
+
+#include "kds/core/Kdserrors.h"
+#include "kds/views/Kdsviewlists.h"
+#include "kds/views/Kdsviews.h"
+
+namespace kds {
+
+// ---- The primary view at work -------------------------------------------------------------
+
+TKdsView* TKdsTable::UsablePrimaryView() {
+    TKdsView* const view = fPrimaryView;
+    if (view == nullptr) return nullptr;
+    // In a mass operation the views are off and duplicates surface at its end.
+    if (fStatus == mtsMassive || fStatus == mtsDestroy) return nullptr;
+    if (!view->Actual()) {
+        // Two rows with one key: nothing has changed since, so it would fail again.
+        if (fKeyFailed) KdsError(u"DuplicateRecords", {view->Name()});
+        TScopeGuard failed([&] { fKeyFailed = true; });
+        if (view->fAsleep) {
+            view->fAsleep = false;
+            view->SetActive(true);
+        } else {
+            view->Update();
+        }
+        failed.Dismiss();
+    }
+    return view->Actual() ? view : nullptr;
+}
+
+void TKdsTable::CheckUniqueViews(TKdsRecord* record) {
+    const bool posts = record->RowState() == rsEditing;
+    const auto unchanged = [&](const TKdsView* view) {
+        return posts && view->IsDistinct() &&
+               view->SameKey(record->fBuffer.Original, record->fBuffer.Proposed);
+    };
+    // While the key cannot be built, a post may be what mends it.
+    const bool mends = posts && fKeyFailed;
+    if (fPrimaryView != nullptr && !fOptions.Has(mtoSkipPKCheck) && !mends) {
+        TKdsView* const primary = UsablePrimaryView();
+        if (primary != nullptr && !unchanged(primary) && primary->HasEqual(record)) {
+            KdsError(u"UniqueViolated", {primary->Name()});
+        }
+    }
+    if (fViews->Count() < 2 && fPrimaryView != nullptr) return;
+    for (TKdsView* const view : *fViews) {
+        if (view == fPrimaryView || !view->Actual() || !view->Unique()) continue;
+        if (view->HasTests() || view->OnCompare() || unchanged(view)) continue;
+        if (view->HasEqual(record)) KdsError(u"UniqueViolated", {view->Name()});
+    }
+}
+
+// So that placing the row, in the phase that stands, needs no memory.
+void TKdsTable::ReservePlaces() {
+    for (TKdsView* const view : *fViews) {
+        if (view->Actual()) view->Storage()->Reserve(fLastRowID);
+    }
+}
+
+void TKdsTable::FindChanges(const std::byte* before, const std::byte* after) {
+    const TKdsLayout& layout = Layout();
+    fChanged.Reset(layout.ColumnCount());
+    for (std::int32_t i = 0; i < layout.ColumnCount(); ++i) {
+        const TKdsSlot& slot = layout.Slot(i);
+        // What is calculated on reading may have changed whenever anything has.
+        bool changed = slot.Kind == skComputed || slot.StampOffset >= 0;
+        if (!changed) {
+            const bool had = slot.HasValue(before);
+            changed = had != slot.HasValue(after);
+            if (!changed && had) {
+                changed = slot.Kind == skMemo
+                              ? TAnsiString::View(LoadRaw<void*>(before + slot.Offset)) !=
+                                    TAnsiString::View(LoadRaw<void*>(after + slot.Offset))
+                              : slot.Kind == skCustom ||
+                                    std::memcmp(before + slot.Offset, after + slot.Offset,
+                                                static_cast<std::size_t>(slot.Size)) != 0;
+            }
+        }
+        if (changed) fChanged.Include(i);
+    }
+}
+
+TKdsRecord* TKdsTable::FindByColumnValues(std::span<const TVariant> values) {
+    TKdsView* const primary = UsablePrimaryView();
+    if (primary == nullptr) return nullptr;
+    std::vector<TVariant> key;
+    for (const TKdsColumn* const column : *primary->Columns()) {
+        const auto index = static_cast<std::size_t>(column->Index());
+        if (index >= values.size()) return nullptr;
+        key.push_back(values[index]);
+    }
+    const std::int32_t index = primary->Find(key);
+    return index < 0 ? nullptr : primary->Items(index);
+}
+
+// ---- Setting it ---------------------------------------------------------------------------
+
+std::u16string TKdsTable::GetPrimaryKey() const {
+    return fPrimaryView == nullptr ? std::u16string() : fPrimaryView->OrderBy();
+}
+
+bool TKdsTable::IsKeyColumn(const TKdsColumn* column) const {
+    if (fPrimaryView == nullptr) return false;
+    // From the text: the view need not be built.
+    const TOwned<TKdsOrderColumnList> columns = TKdsOrderColumnList::Create();
+    columns->Parse(const_cast<TKdsTable*>(this), fPrimaryView->OrderBy());
+    return columns->Contains(column);
+}
+
+void TKdsTable::SetPrimaryKey(std::u16string_view orderText) {
+    const std::u16string key = NormalizeOrder(orderText);
+    if (key == GetPrimaryKey()) return;
+    CheckNotBusy();
+    TKdsTravelGuard guard;
+    TKdsOrderColumnList::Create()->Parse(this, key);
+    if (key.empty()) {
+        DropPrimaryKey();
+    } else if (fPrimaryView != nullptr) {
+        ChangePrimaryKey(key);
+    } else {
+        MakePrimaryKey(key);
+    }
+    fKeyFailed = false;
+}
+
+void TKdsTable::ChangePrimaryKey(const std::u16string& key) {
+    fPrimaryView->SetOrderBy(key);
+    if (fDefaultView != nullptr && fDefaultView != fPrimaryView) fDefaultView->SetOrderBy(key);
+}
+
+void TKdsTable::MakePrimaryKey(const std::u16string& key) {
+    TKdsView* const view = fViews->MakeIndex(key, {voUnique, voPrimary});
+    fPrimaryView = view;
+    TScopeGuard undo([&] {
+        // Rows that break the key: the table goes back to having none.
+        if (fPrimaryView != view) return;
+        fPrimaryView = nullptr;
+        try {
+            view->Free();
+        } catch (...) {
+            // Somebody keeps the view; it is an ordinary unique one then.
+        }
+    });
+    if (HasFilters()) {
+        view->fAsleep = true;
+    } else {
+        view->SetActive(true);
+    }
+    undo.Dismiss();
+    if (fDefaultView != nullptr && fDefaultView != view) fDefaultView->SetOrderBy(key);
+}
+
+void TKdsTable::DropPrimaryKey() {
+    if (fRecords->Count() > 0) KdsError(u"PrimaryViewChange");
+    TKdsView* const view = std::exchange(fPrimaryView, nullptr);
+    if (fDefaultView == view) {
+        fDefaultView = nullptr;
+    } else if (fDefaultView != nullptr) {
+        fDefaultView->SetOrderBy({});
+    }
+    view->Free();
+}
+
+// ---- The default view ---------------------------------------------------------------------
+
+TKdsView* TKdsTable::GetDefaultView(std::int32_t create) {
+    if (fDefaultView != nullptr) {
+        TKdsView* const view = fDefaultView;
+        if (view->fAsleep && view->Group()->Active()) {
+            view->fAsleep = false;
+            view->SetActive(true);
+        }
+        view->Update();
+        return fDefaultView;
+    }
+    const std::u16string key = GetPrimaryKey();
+    if (!HasFilters()) {
+        fDefaultView = fViews->FindIndex(key, {voPrimary}, {});
+        if (fDefaultView != nullptr) fDefaultView->SetActive(true);
+    }
+    if (fDefaultView == nullptr && create > 0) {
+        TOwned<TKdsView> view = TKdsView::Create(this, fViews->GenerateName(u"DV_" + Name()));
+        view->SetOrderBy(key);
+        fDefaultView = EnterView(std::move(view));
+    }
+    return fDefaultView;
+}
+
+// Switched on, and so built, before it enters the list: a view that fails never gets there.
+TKdsView* TKdsTable::EnterView(TOwned<TKdsView>&& view) {
+    TKdsView* const entering = view.get();
+    entering->fEntering = true;
+    TScopeGuard entered([&] { entering->fEntering = false; });
+    entering->SetActive(true);
+    TKdsView* const kept = fViews->Append(std::move(view));
+    return kept;
+}
+
+// ---- Selections ---------------------------------------------------------------------------
+
+TKdsView* TKdsTable::Select(std::u16string_view orderBy, std::u16string_view filter,
+                            TKdsAcceptRecordEvent onAccept, bool unordered) {
+    return DoSelect(orderBy, nullptr, filter, onAccept, nullptr, unordered, nullptr);
+}
+
+TKdsView* TKdsTable::SelectA(std::u16string_view orderBy, std::u16string_view filter,
+                             TIntf<TKdsAcceptRecordProc> acceptProc, bool unordered) {
+    return DoSelect(orderBy, nullptr, filter, nullptr, std::move(acceptProc), unordered, nullptr);
+}
+
+TKdsView* TKdsTable::SelectEx(std::u16string_view orderBy, TKdsComparer onCompare,
+                              std::u16string_view filter, TKdsAcceptRecordEvent onAccept,
+                              bool unordered, TIntf<IKdsViewFactory> viewFactory) {
+    return DoSelect(orderBy, onCompare, filter, onAccept, nullptr, unordered, viewFactory);
+}
+
+TKdsView* TKdsTable::DoSelect(std::u16string_view orderBy, TKdsComparer onCompare,
+                              std::u16string_view filter, TKdsAcceptRecordEvent onAccept,
+                              TIntf<TKdsAcceptRecordProc> acceptProc, bool unordered,
+                              const TIntf<IKdsViewFactory>& viewFactory) {
+    CheckNotBusy();
+    const std::u16string name = fViews->GenerateName(u"VW_" + Name());
+    TOwned<TKdsView> view =
+        viewFactory ? viewFactory->CreateView(this, name) : TKdsView::Create(this, name);
+    if (view == nullptr || view->Table() != this) {
+        throw EInvalidArgument(u"The view factory made no view of this table");
+    }
+    view->fReason = vrSelect;
+    view->SetFilter(filter);
+    view->SetOrderBy(orderBy.empty() && !unordered ? GetPrimaryKey() : std::u16string(orderBy));
+    if (!onAccept && acceptProc) {
+        view->fAcceptProc = std::move(acceptProc);
+        view->SetOnAccept(TKdsAcceptRecordEvent::Bind<&TKdsView::AnonymousAccept>(view.get()));
+    } else {
+        view->SetOnAccept(onAccept);
+    }
+    view->SetOnCompare(onCompare);
+    return EnterView(std::move(view));
+}
+
+void TKdsTable::RebuildViews(bool full) {
+    CheckNotBusy();
+    TKdsTravelGuard guard;
+    TFirstError errors;
+    const auto refresh = [&](TKdsView* view) {
+        const TKdsViewLockings previous = view->fLocking;
+        view->fLocking.Set(vlOrderBy, !full);
+        TScopeGuard unlock([&] { view->fLocking = previous; });
+        view->Refresh();
+    };
+    if (full && fPrimaryView != nullptr) errors.Run([&] { refresh(fPrimaryView); });
+    TKdsListCursor cursor(fViews.get());
+    while (TKdsItem* const item = cursor.Next()) {
+        if (item != fPrimaryView) errors.Run([&] { refresh(static_cast<TKdsView*>(item)); });
+    }
+    errors.Rethrow();
+}
+
+}  // namespace kds

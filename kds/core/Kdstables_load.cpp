@@ -1,0 +1,339 @@
+// Buffers of a table's rows, the rows outside it, load brackets and change brackets.
+#include "kds/core/Kdstables.h"
+
+#include <cstring>
+
+#include "kds/core/Kdserrors.h"
+#include "kds/views/Kdsevents.h"
+#include "kds/views/Kdsviewlists.h"
+#include "kds/views/Kdsviews.h"
+
+namespace kds {
+
+// ---- Buffers ------------------------------------------------------------------------------
+
+TKdsSlab& TKdsTable::Slab() {
+    if (fSlab == nullptr) {
+        const std::size_t home =
+            KeepsHome() ? static_cast<std::size_t>(Layout().RecordSize()) : std::size_t{0};
+        fSlab = TKdsSlab::Create(sizeof(TKdsRecord) + home);
+    }
+    return *fSlab;
+}
+
+std::byte* TKdsTable::InitBuffer() {
+    const auto size = static_cast<std::size_t>(Layout().RecordSize());
+    auto* const buffer = fSpareBuffer != nullptr ? std::exchange(fSpareBuffer, nullptr)
+                                                 : static_cast<std::byte*>(::operator new(size));
+    std::memset(buffer, 0, size);
+    return buffer;
+}
+
+// A heap buffer without references. The latest one is kept: most tables edit one row at a time.
+void TKdsTable::GiveBack(std::byte* buffer) noexcept {
+    if (buffer != nullptr && fSpareBuffer == nullptr && KeepsHome() && fStatus != mtsDestroy) {
+        fSpareBuffer = buffer;
+    } else {
+        ::operator delete(buffer);
+    }
+}
+
+void TKdsTable::FreeBuffer(TKdsRecord* record, std::byte* buffer) noexcept {
+    if (buffer == nullptr) return;
+    ReleaseReferences(buffer);
+    if (!KeepsHome() || buffer != record->Home()) GiveBack(buffer);
+}
+
+std::byte* TKdsTable::CopyBuffer(const std::byte* source) {
+    std::byte* const copy = InitBuffer();
+    const std::int32_t used = KeepsHome() ? Layout().RecordSize() : Layout().CompactSize(source);
+    std::memcpy(copy, source, static_cast<std::size_t>(used));
+    RetainReferences(copy);
+    return copy;
+}
+
+// Shrinks the posted buffer to the bytes in use, in tables that strip nulls. Memory that cannot be
+// had leaves it full-size, which is correct too.
+void TKdsTable::CompactBuffer(TKdsRecord* record) noexcept {
+    if (KeepsHome() || record->fBuffer.Original == nullptr) return;
+    const auto size = static_cast<std::size_t>(Layout().CompactSize(record->fBuffer.Original));
+    void* const compact = ::operator new(size, std::nothrow);
+    if (compact == nullptr) return;
+    std::memcpy(compact, record->fBuffer.Original, size);
+    ::operator delete(record->fBuffer.Original);
+    record->fBuffer.Original = static_cast<std::byte*>(compact);
+}
+
+// The posted buffer in full size: its compact form has no room behind the last value.
+std::byte* TKdsTable::ExpandBuffer(TKdsRecord* record) {
+    if (KeepsHome()) return record->fBuffer.Original;
+    std::byte* const full = InitBuffer();
+    const std::byte* const compact = record->fBuffer.Original;
+    std::memcpy(full, compact, static_cast<std::size_t>(Layout().CompactSize(compact)));
+    ::operator delete(record->fBuffer.Original);
+    record->fBuffer.Original = full;
+    return full;
+}
+
+void TKdsTable::RetainReferences(const std::byte* buffer) noexcept {
+    for (const std::int32_t column : Layout().ReferenceColumns()) {
+        const TKdsSlot& slot = Layout().Slot(column);
+        if (!slot.HasValue(buffer)) continue;
+        if (slot.Kind == skMemo) {
+            TAnsiString::Retain(LoadRaw<void*>(buffer + slot.Offset));
+        } else if (auto* const intf = LoadRaw<IInterface*>(buffer + slot.Offset)) {
+            intf->Retain();
+        }
+    }
+}
+
+void TKdsTable::ReleaseReferences(std::byte* buffer) noexcept {
+    for (const std::int32_t column : Layout().ReferenceColumns()) {
+        const TKdsSlot& slot = Layout().Slot(column);
+        if (!slot.HasValue(buffer)) continue;
+        if (slot.Kind == skMemo) {
+            TAnsiString text = TAnsiString::Attach(LoadRaw<void*>(buffer + slot.Offset));
+            fStrings->ClearString(fColumns->GetItem(column), text);
+        } else if (auto* const intf = LoadRaw<IInterface*>(buffer + slot.Offset)) {
+            intf->Release();
+        }
+    }
+}
+
+// ---- Detached rows ------------------------------------------------------------------------
+
+void TKdsTable::ReserveTrack() {
+    if (fDetached.size() == fDetached.capacity()) {
+        fDetached.reserve(std::max<std::size_t>(16, fDetached.size() * 2));
+    }
+}
+
+void TKdsTable::Track(TKdsRecord* record) {
+    ReserveTrack();
+    record->fBuffer.DetachedSlot = static_cast<std::int64_t>(fDetached.size());
+    fDetached.push_back(record);
+}
+
+void TKdsTable::Untrack(TKdsRecord* record) noexcept {
+    const auto slot = static_cast<std::size_t>(record->fBuffer.DetachedSlot);
+    fDetached[slot] = fDetached.back();
+    fDetached[slot]->fBuffer.DetachedSlot = record->fBuffer.DetachedSlot;
+    fDetached.pop_back();
+}
+
+TKdsRecord* TKdsTable::Locator() {
+    if (fLocator == nullptr) {
+        fLocator = TKdsRecord::Create(this, false);
+        --fOrphanRows;  // it will never be inserted
+    }
+    // What an earlier search left behind must not take part in this one.
+    std::byte* const buffer = fLocator->fBuffer.Proposed;
+    ReleaseReferences(buffer);
+    std::memset(buffer, 0, static_cast<std::size_t>(Layout().RecordSize()));
+    return fLocator.get();
+}
+
+void TKdsTable::DropLocator() noexcept {
+    if (fLocator == nullptr) return;
+    ++fOrphanRows;  // its end counts down again
+    fLocator.reset();
+}
+
+// Rows of the host outlive their table without values.
+void TKdsTable::ReleaseDetached() noexcept {
+    while (!fDetached.empty()) {
+        TKdsRecord* const record = fDetached.back();
+        fDetached.pop_back();
+        FreeBuffer(record, std::exchange(record->fBuffer.Proposed, nullptr));
+        record->LeaveTable();
+    }
+}
+
+void TKdsTable::CheckRestructure() {
+    DropLocator();
+    if ((fRecords != nullptr && fRecords->Count() > 0) || !fDetached.empty()) {
+        KdsError(u"CannotRestructure", {Name()});
+    }
+}
+
+void TKdsTable::LayoutChanged() noexcept {
+    if (fSlab != nullptr) std::exchange(fSlab, nullptr)->Abandon();
+    ::operator delete(std::exchange(fSpareBuffer, nullptr));
+}
+
+// ---- Load brackets ------------------------------------------------------------------------
+
+void TKdsTable::EnterLoad(TKdsTableStatus status) {
+    if (fLoadLocks > 0) {
+        ++fLoadLocks;
+        return;
+    }
+    if (status == mtsDestroy || status == mtsMassive) {
+        TScopeGuard undo([&] {
+            try {
+                fViews->SetActive(true);
+            } catch (...) {
+            }
+        });
+        // Before the status: the links hear the views go while the table is still regular.
+        fViews->SetActive(false);
+        undo.Dismiss();
+    }
+    ++fLoadLocks;
+    fStatus = status;
+    Notify(acStatusChanged, nullptr, 0);
+}
+
+void TKdsTable::LeaveLoad() {
+    if (fLoadLocks == 0 || --fLoadLocks > 0) return;
+    const TKdsTableStatus status = std::exchange(fStatus, mtsRegular);
+    TFirstError errors;
+    if (status == mtsDestroy || status == mtsMassive) {
+        errors.Run([&] { fViews->SetActive(true); });
+    }
+    errors.Run([&] { Notify(acStatusChanged, nullptr, 0); });
+    errors.Rethrow();
+}
+
+void TKdsTable::Clear() {
+    DropLocator();
+    if (fStatus == mtsDestroy || fRecords->Count() == 0) return;
+    CheckNotBusy();
+    TKdsTravelGuard guard;
+    EnterLoad(mtsDestroy);
+    TFirstError errors;
+    // Inside a bracket that keeps the views on they would follow every row out; they are built
+    // again at the end instead.
+    const bool switchesOff = fViews->Active();
+    errors.Run([&] {
+        if (switchesOff) fViews->SetActive(false);
+    });
+    errors.Run([&] {
+        fRecords->Clear();
+        fStrings->Clear();
+        fLastRowID = 0;
+        fOrphanRows = 0;
+        fVersion = 0;
+        for (TKdsColumn* const column : *fColumns) column->fAutoIncNext = column->fAutoIncSeed;
+    });
+    errors.Run([&] {
+        if (switchesOff && fLoadLocks > 1) fViews->SetActive(true);
+    });
+    errors.Run([&] { LeaveLoad(); });
+    errors.Rethrow();
+}
+
+// ---- Change brackets ----------------------------------------------------------------------
+
+void TKdsTable::QueueEvent(TKdsView* view, const TKdsEvent& event) {
+    fEvents.push_back({view, event});
+}
+
+void TKdsTable::ForgetView(TKdsView* view) noexcept {
+    for (TKdsQueuedEvent& queued : fEvents) {
+        if (queued.View == view) queued.View = nullptr;
+    }
+}
+
+void TKdsTable::ForgetRecord(const TKdsRecord* record) noexcept {
+    for (TKdsQueuedEvent& queued : fEvents) {
+        if (queued.Event.Origin == record) queued.Event.Origin = nullptr;
+    }
+    for (TKdsTableScope* scope = fScopes; scope != nullptr; scope = scope->fNext) {
+        if (scope->fRecord == record) scope->fRecord = nullptr;
+    }
+}
+
+// ---- Scopes of the host -------------------------------------------------------------------
+
+TKdsTableScope::TKdsTableScope(TKdsTable* table) : fTable(table) {
+    if (table == nullptr) throw EInvalidArgument(u"There is no table or record to begin with");
+    fNext = std::exchange(table->fScopes, this);
+}
+
+TKdsTableScope::~TKdsTableScope() {
+    if (fTable == nullptr) return;
+    TKdsTableScope** link = &fTable->fScopes;
+    while (*link != this) link = &(*link)->fNext;
+    *link = fNext;
+}
+
+void TKdsTableScope::CheckOpen() const {
+    if (!fOpen || fTable == nullptr) KdsError(u"RecordStateInvalid");
+}
+
+void TKdsTable::ForgetScopes() noexcept {
+    while (fScopes != nullptr) {
+        TKdsTableScope* const scope = fScopes;
+        fScopes = scope->fNext;
+        scope->fTable = nullptr;
+        scope->fRecord = nullptr;
+    }
+}
+
+TKdsEdit::TKdsEdit(TKdsRecord* record)
+    : TKdsTableScope(record == nullptr ? nullptr : record->Table()) {
+    record->Edit();
+    fRecord = record;
+}
+
+TKdsEdit::~TKdsEdit() {
+    if (fOpen && fRecord != nullptr) fRecord->Cancel();
+}
+
+// What raises before the values were exchanged leaves the edit open; the record may also be gone
+// by the hand of a link, and then there is nothing left to cancel.
+void TKdsEdit::Post() {
+    CheckOpen();
+    if (fRecord == nullptr) KdsError(u"RecordStateInvalid");
+    fRecord->Post();
+    fOpen = false;
+}
+
+TKdsLoad::TKdsLoad(TKdsTable* table, TKdsTableStatus status) : TKdsTableScope(table) {
+    table->EnterLoad(status);
+}
+
+TKdsLoad::~TKdsLoad() {
+    if (!fOpen || fTable == nullptr) return;
+    try {
+        Leave();
+    } catch (...) {
+    }
+}
+
+void TKdsLoad::Leave() {
+    CheckOpen();
+    fOpen = false;
+    fTable->LeaveLoad();
+}
+
+void TKdsTable::CloseBracket(TFirstError& errors) noexcept {
+    if (--fBracket > 0 || fDelivers) return;
+    if (fEvents.empty() && fDead.empty()) return;
+    DeliverEvents(errors);
+    BuryDead();
+}
+
+// Events of operations nested in a link's handler join the queue and arrive in order.
+void TKdsTable::DeliverEvents(TFirstError& errors) noexcept {
+    fDelivers = true;
+    for (std::size_t next = 0; next < fEvents.size(); ++next) {
+        const TKdsQueuedEvent queued = fEvents[next];
+        if (queued.View == nullptr) continue;
+        errors.Run([&] { queued.View->Deliver(queued.Event); });
+    }
+    fEvents.clear();
+    fDelivers = false;
+}
+
+void TKdsTable::BuryDead() noexcept {
+    // A handler may have put a row back: then it lives.
+    for (std::size_t next = 0; next < fDead.size(); ++next) {
+        TKdsRecord* const record = fDead[next];
+        if (record->Owner() == nullptr) record->FreeForced();
+    }
+    fDead.clear();
+}
+
+}  // namespace kds

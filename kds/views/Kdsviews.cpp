@@ -1,0 +1,331 @@
+#include "kds/views/Kdsviews.h"
+
+#include "kds/core/Kdserrors.h"
+#include "kds/platform/Clock.h"
+#include "kds/views/Kdsviewlists.h"
+
+namespace kds {
+
+// ---- Life ---------------------------------------------------------------------------------
+
+TKdsView::TKdsView(TKdsTable* table, std::u16string_view name)
+    : TKdsActiveItem(nullptr, name),
+      fColumns(TKdsOrderColumnList::Create()),
+      fStorage(table->StorageFactory()->CreateStorage(table)),
+      fCompareColumnList(fColumns.get()) {
+    fTable = table;
+    fGroup = table->Views();
+    fStorage->SetOwner(this);
+    fRecords = fStorage->GetRecords();
+    fStats.CreateTime = Now();
+}
+
+TKdsView::~TKdsView() = default;
+
+TOwned<TKdsView> TKdsView::Create(TKdsTable* table, std::u16string_view name) {
+    if (table == nullptr) throw EInvalidArgument(u"A view needs a table");
+    return TOwned<TKdsView>(new TKdsView(table, name));
+}
+
+void TKdsView::Teardown() noexcept {
+    while (!fLinks.empty()) {
+        TKdsViewLink* const link = fLinks.back();
+        try {
+            link->SetView(nullptr);
+        } catch (...) {
+            // The view is going; the handler's error has nowhere to go.
+        }
+        if (!fLinks.empty() && fLinks.back() == link) fLinks.pop_back();
+    }
+    TKdsActiveItem::Teardown();
+    fStorage->Clear();
+}
+
+// Only in its list does a view hear what happens to its rows.
+bool TKdsView::Ready() const noexcept {
+    return TKdsActiveItem::Ready() && (Owner() != nullptr || fEntering);
+}
+
+// ---- Options ------------------------------------------------------------------------------
+
+void TKdsView::CheckGuards() const {
+    if (fTable == nullptr) return;
+    if (fTable->PrimaryView() == this) KdsError(u"PrimaryViewChange");
+    if (fTable->DefaultView() == this) KdsError(u"DefaultViewChange");
+}
+
+// A view that is built is built anew, less what is known to be unchanged; one that could not be
+// built before gets another try.
+template <typename F>
+void TKdsView::ChangeOption(TKdsViewLocking locked, F&& store) {
+    if (fTable != nullptr) fTable->CheckNotBusy();
+    store();
+    if (!fActual) {
+        Update();
+        return;
+    }
+    const TKdsViewLockings previous = fLocking;
+    fLocking.Include(locked);
+    TScopeGuard unlock([&] { fLocking = previous; });
+    Refresh();
+}
+
+void TKdsView::SetFilter(std::u16string_view text) {
+    if (text == fFilter) return;
+    CheckGuards();
+    KdsNotAvailable(u"A filter expression");
+}
+
+void TKdsView::SetOrderBy(std::u16string_view text) {
+    std::u16string order = NormalizeOrder(text);
+    if (order == fOrderBy) return;
+    if (fTable != nullptr) {
+        TKdsView* const primary = fTable->PrimaryView();
+        if (primary == this && fTable->Records()->Count() > 0) KdsError(u"PrimaryViewChange");
+        if (fTable->DefaultView() == this && primary != this) {
+            const bool fits = primary == nullptr ? order.empty() : order == primary->OrderBy();
+            if (!fits) KdsError(u"DefaultViewChange");
+        }
+        // A text that does not parse is refused before the view has given up its rows.
+        TKdsOrderColumnList::Create()->Parse(fTable, order);
+    }
+    ChangeOption(vlFilters, [&] { fOrderBy.swap(order); });
+}
+
+void TKdsView::SetOnAccept(TKdsAcceptRecordEvent value) {
+    if (value == fOnAccept) return;
+    if (value) CheckGuards();
+    ChangeOption(vlOrderBy, [&] {
+        fOnAccept = value;
+        if (!(value == TKdsAcceptRecordEvent::Bind<&TKdsView::AnonymousAccept>(this))) {
+            fAcceptProc = nullptr;
+        }
+    });
+}
+
+void TKdsView::SetOnCompare(TKdsComparer value) {
+    if (value == fOnCompare) return;
+    if (value) CheckGuards();
+    ChangeOption(vlFilters, [&] { fOnCompare = value; });
+}
+
+// ---- Membership ---------------------------------------------------------------------------
+
+bool TKdsView::Accept(TKdsRecord* record) {
+    bool accept = true;
+    if (!fOnAccept) return accept;
+    TKdsBusyScope busy(fTable);
+    const TKdsStateScope posted = TKdsStateScope::Posted(record);
+    const TKdsAcceptRecordEvent routine = fOnAccept;
+    routine(this, record, accept);
+    return accept;
+}
+
+void TKdsView::AnonymousAccept(TKdsView* view, TKdsRecord* record, bool& accept) {
+    const TIntf<TKdsAcceptRecordProc> routine = fAcceptProc;
+    if (routine) routine->Accept(view, record, accept);
+}
+
+// ---- Comparison ---------------------------------------------------------------------------
+
+TKdsComparer TKdsView::GetComparer(TKdsCompareOptions options) {
+    fCompareOptions = options;
+    return TKdsComparer::Bind<&TKdsView::Compare>(this);
+}
+
+namespace {
+
+std::int32_t ByRowID(const TKdsRecord* a, const TKdsRecord* b) noexcept {
+    return (a->RowID() > b->RowID()) - (a->RowID() < b->RowID());
+}
+
+}  // namespace
+
+std::int32_t TKdsView::Compare(TKdsRecord* a, TKdsRecord* b) {
+    if (a == b) return 0;
+    const TKdsComparer custom = fOnCompare;
+    if (custom) {
+        const std::int32_t order = custom(a, b);
+        if (order != 0) return order;
+    }
+    if (fSorting == omOrder) {
+        const std::int32_t order =
+            a->Compare(fCompareColumnList, fCompareColumnCount, b, fCompareOptions);
+        if (order != 0 || !fCompareOptions.Has(coUseRowID)) return order;
+    }
+    return ByRowID(a, b);
+}
+
+std::int32_t TKdsView::CompareItem(TKdsRecord* item, TKdsRecord* key, TKdsCompareOptions options) {
+    if (item == key) return 0;
+    const TKdsComparer custom = fOnCompare;
+    if (custom) {
+        TKdsBusyScope busy(fTable);
+        const TKdsStateScope posted = TKdsStateScope::Posted(item);
+        const std::int32_t order = custom(item, key);
+        if (order != 0) return order;
+    }
+    if (fSorting == omOrder) {
+        const std::int32_t order =
+            OrderRecords(item, TKdsReading::Posted, key, TKdsReading::Current, fCompareColumnList,
+                         fCompareColumnCount, options);
+        if (order != 0 || !options.Has(coUseRowID)) return order;
+    }
+    return ByRowID(item, key);
+}
+
+std::int32_t TKdsView::CompareMembers(TKdsRecord* a, TKdsRecord* b, TKdsCompareOptions options) {
+    if (a == b) return 0;
+    const TKdsComparer custom = fOnCompare;
+    if (custom) {
+        TKdsBusyScope busy(fTable);
+        const TKdsStateScope postedA = TKdsStateScope::Posted(a);
+        const TKdsStateScope postedB = TKdsStateScope::Posted(b);
+        const std::int32_t order = custom(a, b);
+        if (order != 0) return order;
+    }
+    if (fSorting == omOrder) {
+        const TKdsOrderPlan& plan = Plan();
+        const std::int32_t order =
+            plan.IsPlain()
+                ? plan.Compare(a->PostedBuffer(), b->PostedBuffer(), plan.Count(), options)
+                : OrderRecords(a, TKdsReading::Posted, b, TKdsReading::Posted, fColumns.get(), -1,
+                               options);
+        if (order != 0 || !options.Has(coUseRowID)) return order;
+    }
+    return ByRowID(a, b);
+}
+
+const TKdsOrderPlan& TKdsView::Plan() const { return fColumns->Plan(fTable->Layout()); }
+
+bool TKdsView::SameKey(const std::byte* a, const std::byte* b) const {
+    return Plan().SameBytes(a, b);
+}
+
+// ---- Order of another ---------------------------------------------------------------------
+
+namespace {
+
+// Either option means the same where keys are looked for.
+TKdsViewOptions Normalized(TKdsViewOptions options) noexcept {
+    return options.Empty() ? options : TKdsViewOptions{voUnique, voPrimary};
+}
+
+}  // namespace
+
+TKdsIndexMatch TKdsView::Suites(const TKdsOrderColumnList* columns, std::int32_t count,
+                                TKdsViewOptions include, TKdsViewOptions exclude) const {
+    if (fSorting != omOrder || fColumns->Count() == 0 || fOnCompare) return imNothing;
+    const TKdsViewOptions own = Normalized(fOptions);
+    if (!own.HasAll(Normalized(include)) || own.HasAny(Normalized(exclude))) return imNothing;
+    return fColumns->Match(columns, count);
+}
+
+TKdsIndexMatch TKdsView::Suites(std::u16string_view orderBy, TKdsViewOptions include,
+                                TKdsViewOptions exclude) const {
+    if (!std::u16string_view(fOrderBy).starts_with(NormalizeOrder(orderBy))) return imNothing;
+    // QUIRK: the length of the text as given, not of its canonical form, decides here.
+    if (orderBy.size() != fOrderBy.size()) {
+        if (orderBy.size() > fOrderBy.size()) return imNothing;
+        if (fOrderBy[orderBy.size()] != u',') return imNothing;
+    }
+    const TKdsViewOptions own = Normalized(fOptions);
+    if (!own.HasAll(Normalized(include)) || own.HasAny(Normalized(exclude))) return imNothing;
+    const TOwned<TKdsOrderColumnList> columns = TKdsOrderColumnList::Create();
+    columns->Parse(fTable, orderBy.substr(0, fOrderBy.size()));
+    return Suites(columns.get(), columns->Count(), include, exclude);
+}
+
+// ---- Searches -----------------------------------------------------------------------------
+
+// What the comparer looks at during one search; the search before, of the same view, is restored.
+class TKdsView::TCompareScope {
+public:
+    TCompareScope(TKdsView* view, TKdsOrderColumnList* columns, std::int32_t count) noexcept
+        : fView(view),
+          fColumns(view->fCompareColumnList),
+          fCount(view->fCompareColumnCount),
+          fOptions(view->fCompareOptions) {
+        view->fCompareColumnList = columns;
+        view->fCompareColumnCount = count;
+    }
+    ~TCompareScope() {
+        fView->fCompareColumnList = fColumns;
+        fView->fCompareColumnCount = fCount;
+        fView->fCompareOptions = fOptions;
+    }
+    TCompareScope(const TCompareScope&) = delete;
+    TCompareScope& operator=(const TCompareScope&) = delete;
+
+private:
+    TKdsView* fView;
+    TKdsOrderColumnList* fColumns;
+    std::int32_t fCount;
+    TKdsCompareOptions fOptions;
+};
+
+void TKdsView::Search(TKdsRecord* record, TKdsOrderColumnList* columns, std::int32_t count,
+                      TKdsLocateOptions options, std::int32_t& index, bool& found) {
+    index = options.Has(loNearest) ? 0 : -1;
+    found = false;
+    if (record == nullptr || record->Table() != fTable) {
+        throw EInvalidArgument(u"The record does not belong to the view's table");
+    }
+    if (Count() == 0) return;
+    TCompareScope scope(this, columns != nullptr ? columns : fColumns.get(), count);
+    TKdsCompareOptions compare;
+    compare.Set(coNoCase, options.Has(loNoCase));
+    compare.Set(coPartial, options.Has(loPartial));
+    compare.Set(coUseRowID, options.Has(loUseRowID));
+    fCompareOptions = compare;
+    fStorage->Search(record, options, compare, index, found);
+}
+
+bool TKdsView::HasEqual(TKdsRecord* record) {
+    std::int32_t index = -1;
+    bool found = false;
+    Search(record, nullptr, -1, {loNoKeyRow, loNearest}, index, found);
+    return found;
+}
+
+TKdsRecord* TKdsView::Items(std::int32_t index) const {
+    if (index < 0 || index >= Count()) ListIndexError(index);
+    return ItemAt(index);
+}
+
+std::int32_t TKdsView::IndexOf(TKdsRecord* record) const {
+    if (record == nullptr || record->Table() != fTable || record->Owner() == nullptr) return -1;
+    return fStorage->Find(record);
+}
+
+// The key's values go into the table's locator, which is never a row.
+void TKdsView::Locate(std::span<const TVariant> values, TKdsLocateOptions options,
+                      std::int32_t& index, bool& found) {
+    index = -1;
+    found = false;
+    if (fSorting != omOrder || fTable == nullptr) return;
+    if (values.size() > static_cast<std::size_t>(fColumns->Count())) {
+        throw EInvalidArgument(u"More values than order columns");
+    }
+    TKdsRecord* const key = fTable->Locator();
+    std::int32_t count = 0;
+    for (const TVariant& value : values) key->StoreVariant(fColumns->GetItem(count++), value);
+    Search(key, nullptr, count, options, index, found);
+}
+
+std::int32_t TKdsView::Find(std::span<const TVariant> values) {
+    std::int32_t index = -1;
+    bool found = false;
+    Locate(values, {loNearest}, index, found);
+    return found ? index : -1;
+}
+
+std::int32_t TKdsView::FindNearest(std::span<const TVariant> values, TKdsLocateOptions options) {
+    std::int32_t index = -1;
+    bool found = false;
+    options.Include(loNearest);
+    Locate(values, options, index, found);
+    return index;
+}
+
+}  // namespace kds

@@ -1,0 +1,181 @@
+// How a view follows its table.
+#include "kds/views/Kdsviews.h"
+
+#include "kds/core/Kdserrors.h"
+#include "kds/views/Kdsviewlists.h"
+
+namespace kds {
+
+void TKdsView::Handle(TNotification* notification) {
+    if (fTable == nullptr) return;
+    if (notification->Sender->Sphere() == spData) {
+        if (fActual && !fRebuilds) HandleData(notification);
+    } else {
+        HandleMeta(notification);
+    }
+}
+
+// ---- Records ------------------------------------------------------------------------------
+
+// A view that could not place a record would be wrong: it gives up its rows instead and is built
+// again by its next use.
+void TKdsView::HandleData(TNotification* notification) {
+    TScopeGuard dismiss([&] {
+        fActual = false;
+        fStorage->Clear();
+    });
+    Follow(notification);
+    dismiss.Dismiss();
+}
+
+void TKdsView::Follow(TNotification* notification) {
+    switch (notification->Action) {
+        case acConfirmInsert: {
+            auto* const record = static_cast<TKdsRecord*>(notification->Target);
+            const TPlace place = PlaceInserted(record);
+            if (place.Outcome == TOutcome::Member)
+                RaiseEvent(evRecordInsert, -1, place.New, record);
+            return;
+        }
+        case acConfirmUpdate: {
+            auto* const record = static_cast<TKdsRecord*>(notification->Sender);
+            const TPlace place = PlaceUpdated(record);
+            if (place.Outcome == TOutcome::Removed && place.Old >= 0) {
+                RaiseEvent(evRecordDelete, place.Old, -1, record);
+            } else if (place.Outcome == TOutcome::Member && place.Old < 0) {
+                RaiseEvent(evRecordInsert, -1, place.New, record);
+            } else if (place.Old >= 0) {
+                RaiseEvent(evRecordUpdate, place.Old, place.New, record);
+            }
+            return;
+        }
+        case acConfirmDelete: {
+            auto* const record = static_cast<TKdsRecord*>(notification->Target);
+            const TPlace place = PlaceDeleted(record);
+            if (place.Outcome == TOutcome::Removed) {
+                RaiseEvent(evRecordDelete, place.Old, -1, record);
+            }
+            return;
+        }
+        case acStatusChanged: {
+            auto* const record = static_cast<TKdsRecord*>(notification->Sender);
+            const std::int32_t index = fStorage->Find(record);
+            if (index >= 0) RaiseEvent(evRecordSignal, index, index, record);
+            return;
+        }
+        default: return;
+    }
+}
+
+std::int32_t TKdsView::SearchPlace(TKdsRecord* record) {
+    std::int32_t index = 0;
+    bool found = false;
+    Search(record, nullptr, -1, {loLastRow, loNearest, loNoKeyRow, loUseRowID}, index, found);
+    return index;
+}
+
+TKdsView::TPlace TKdsView::PlaceInserted(TKdsRecord* record) {
+    TPlace place;
+    if (fOnAccept && !Accept(record)) return place;
+    const std::int32_t count = Count();
+    const bool byRowID = fSorting == omRowID && !fOnCompare;
+    // Behind the last row; a row that came back with its old number has its old place.
+    const bool appends = byRowID && (count == 0 || ItemAt(count - 1)->RowID() < record->RowID());
+    place.New = appends ? count : SearchPlace(record);
+    place.Outcome = TOutcome::Member;
+    fStorage->Insert(place.New, record);
+    // Without the check two rows may have one key from now on.
+    if (fTable->Options().Has(mtoSkipPKCheck)) fDistinct = false;
+    return place;
+}
+
+TKdsView::TPlace TKdsView::PlaceUpdated(TKdsRecord* record) {
+    TPlace place;
+    const bool keeps = KeepsPlace(record);
+    if (keeps && !fOnAccept && fLinks.empty() && fTable->Status() == mtsRegular) return place;
+    place.Old = fStorage->Find(record);
+    if (fOnAccept && !Accept(record)) {
+        if (place.Old >= 0) fStorage->Delete(place.Old);
+        place.Outcome = TOutcome::Removed;
+        return place;
+    }
+    if (keeps && place.Old >= 0) {
+        place.New = place.Old;
+        place.Outcome = TOutcome::Unchanged;
+        return place;
+    }
+    place.New = SearchPlace(record);
+    place.Outcome = TOutcome::Member;
+    if (place.Old < 0) {
+        fStorage->Insert(place.New, record);
+        return place;
+    }
+    // Taking the record out shifts everything behind it.
+    if (place.Old < place.New) --place.New;
+    if (place.Old != place.New) fStorage->Switch(place.Old, place.New);
+    if (fTable->Options().Has(mtoSkipPKCheck)) fDistinct = false;
+    return place;
+}
+
+TKdsView::TPlace TKdsView::PlaceDeleted(TKdsRecord* record) {
+    TPlace place;
+    place.Old = fStorage->Find(record);
+    if (place.Old < 0) return place;
+    fStorage->Delete(place.Old);
+    place.Outcome = TOutcome::Removed;
+    return place;
+}
+
+// Whether the post has left the row where it was: row identifiers never change, nor does the order
+// of a view whose columns were not touched. A comparer of the host may look at anything.
+bool TKdsView::KeepsPlace(TKdsRecord*) const {
+    if (fOnCompare) return false;
+    return fSorting == omRowID || !Plan().Columns().Meets(fTable->ChangedColumns());
+}
+
+// ---- Columns and states -------------------------------------------------------------------
+
+void TKdsView::HandleMeta(TNotification* notification) {
+    TKdsItem* const sender = notification->Sender;
+    if (notification->Action == acStatusChanged) {
+        if (sender == this || (sender == fTable && fChangeCount >= 1)) {
+            // By value: raising the event in a regular table sets the count back.
+            const std::int32_t changes = fChangeCount;
+            RaiseEvent(evStatusChange, 0, changes, nullptr);
+        }
+        return;
+    }
+    if (sender == fTable->Columns()) {
+        HandleColumn(notification, static_cast<TKdsColumn*>(notification->Target));
+    } else if (sender->Owner() == fTable->Columns()) {
+        HandleColumn(notification, static_cast<TKdsColumn*>(sender));
+    }
+}
+
+void TKdsView::HandleColumn(TNotification* notification, TKdsColumn* column) {
+    const TKdsAction action = notification->Action;
+    if (action != acConfirmInsert && action != acConfirmDelete && action != acConfirmRename &&
+        action != acConfirmUpdate) {
+        return;
+    }
+    RaiseEvent(evFieldsChange, 0, 0, nullptr);
+    if (action == acConfirmInsert || fSorting != omOrder || !fColumns->Contains(column)) return;
+    // A unique view under construction makes its columns not null; that is no news to an order.
+    if (fTable->fPreparing > 0) return;
+    if (action == acConfirmRename) {
+        std::u16string order;
+        for (std::int32_t i = 0; i < fColumns->Count(); ++i) {
+            TKdsSortOptions options;
+            options.Set(soNoCase, fColumns->Caseless(i));
+            options.Set(soDescending, fColumns->Descends(i));
+            if (i > 0) order += u',';
+            order += AppendSuffixes(fColumns->GetItem(i)->Name(), options);
+        }
+        fOrderBy.swap(order);
+    }
+    if (action == acConfirmDelete) fColumns->DropColumn(column);
+    fAsleep = fAsleep || fActive;
+    SetActive(false);
+}
+
+}  // namespace kds
