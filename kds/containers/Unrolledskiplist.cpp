@@ -327,19 +327,9 @@ void* TUnrolledSkipList::Delete(std::int32_t index) {
     TPath path;
     std::int32_t offset = 0;
     PSkipListBucket bucket = Descend(index, path, offset);
-    const std::int32_t count = bucket->List.Count();
-    const PSkipListBucket before = PrevBucket(bucket);
-    const PSkipListBucket after = NextBucket(bucket);
-    bool goes = false;
-    if (before != nullptr && before->List.Count() + count <= MergeLimit) {
-        Absorb(before, bucket, path.Before[0]);
-        bucket = Descend(index, path, offset);
-    } else if (after != nullptr && count + after->List.Count() <= MergeLimit) {
-        Absorb(bucket, after, path.Before[0] + count);
-        bucket = Descend(index, path, offset);
-    } else {
-        goes = count == 1 && fBucketCount > 1;  // the only bucket stays, empty
-    }
+    if (MergeAround(bucket, path.Before[0])) bucket = Descend(index, path, offset);
+    // The only bucket stays, empty.
+    const bool goes = bucket->List.Count() == 1 && fBucketCount > 1;
 
     for (std::int32_t level = 0; level < fLevel; ++level) {
         --path.Bucket[static_cast<std::size_t>(level)]->Level(level).Width;
@@ -350,7 +340,7 @@ void* TUnrolledSkipList::Delete(std::int32_t index) {
     EachEnumerator([&](TSkipListEnumerator& live) {
         if (live.fBucket != bucket) return;
         live.Removed(offset);
-        if (goes) live.BucketGoes(before, after);
+        if (goes) live.BucketGoes(PrevBucket(bucket), NextBucket(bucket));
     });
     if (goes) {
         Unlink(bucket, path.Before[0]);
@@ -358,6 +348,23 @@ void* TUnrolledSkipList::Delete(std::int32_t index) {
     }
     Remember(goes ? nullptr : bucket, path.Before[0]);
     return value;
+}
+
+// Before an item of this bucket goes: merges it with a neighbour when the two hold few, rather with
+// the one before it. Answers whether it has; then the bucket may be gone.
+bool TUnrolledSkipList::MergeAround(PSkipListBucket bucket, std::int32_t start) noexcept {
+    const std::int32_t count = bucket->List.Count();
+    if (count > MergeLimit) return false;  // as a rule, and then no neighbour is looked at
+    const PSkipListBucket before = PrevBucket(bucket);
+    const PSkipListBucket after = NextBucket(bucket);
+    if (before != nullptr && before->List.Count() + count <= MergeLimit) {
+        Absorb(before, bucket, start);
+    } else if (after != nullptr && count + after->List.Count() <= MergeLimit) {
+        Absorb(bucket, after, start + count);
+    } else {
+        return false;
+    }
+    return true;
 }
 
 // Merges a bucket with the next one, which starts at position `nextStart` and goes.

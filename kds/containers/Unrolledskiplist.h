@@ -236,6 +236,7 @@ private:
     [[nodiscard]] std::int32_t MoveHalf(PSkipListBucket bucket, std::int32_t index,
                                         std::int32_t offset, PSkipListBucket fresh) noexcept;
     void RaiseLevel(TPath& path, std::int32_t levels) noexcept;
+    bool MergeAround(PSkipListBucket bucket, std::int32_t start) noexcept;
     void Absorb(PSkipListBucket bucket, PSkipListBucket next, std::int32_t nextStart) noexcept;
     void Unlink(PSkipListBucket bucket, std::int32_t start) noexcept;
     void Refill(void* const* items, std::int32_t count, PSkipListBucket more) noexcept;

@@ -51,8 +51,10 @@ void TKdsColumn::UpdateOccurences() noexcept {
     fOccurences.Set(coCaseless, fAttributes.Has(caCaseless));
     fOccurences.Set(coHasDefault, fDefaultValue.Assigned());
     fOccurences.Set(coExpression, !fExpression.empty());
-    // Only a stored value can be late.
-    fOccurences.Set(coDelayedCalc, fAttributes.Has(caDelayedCalc) && !fAttributes.Has(caDontStore));
+    // Only a value that is calculated and stored can be late: what the host wrote into another
+    // column must not be calculated away by a read.
+    fOccurences.Set(coDelayedCalc, fAttributes.HasAll({caCalculated, caDelayedCalc}) &&
+                                       !fAttributes.Has(caDontStore));
     fOccurences.Set(coVirtualKey, fAttributes.Has(caVirtualKey));
     fOccurences.Set(coMemoString, fDataType == dtMemoString);
     fOccurences.Set(coDontStore, fAttributes.Has(caDontStore));
@@ -303,12 +305,12 @@ void TKdsTableColumnList::Handle(TNotification* notification) {
 void TKdsTableColumnList::CheckRestructure(TNotification* notification) const {
     switch (notification->Action) {
         case acPrepareDelete:
-            if (fTable->Status() == mtsDestroy) return;
-            [[fallthrough]];
         case acPrepareInsert:
         case acPrepareRename: fTable->CheckRestructure(); return;
         case acPrepareUpdate:
             if (notification->Index != 0) fTable->CheckRestructure();
+            // A view that is being built or searched would lose its rows on the way.
+            if (fTable->IsBusy()) fTable->CheckNotBusy();
             return;
         default: return;
     }
@@ -316,10 +318,10 @@ void TKdsTableColumnList::CheckRestructure(TNotification* notification) const {
 
 void TKdsTableColumnList::Follow(TNotification* notification) {
     switch (notification->Action) {
+        // Also in a load bracket that clears the table: its rows may be new ones. A table that
+        // ends does not come here, it has let go of this list.
         case acConfirmInsert:
         case acConfirmDelete:
-            if (fTable->Status() == mtsDestroy) return;
-            [[fallthrough]];
         case acConfirmRename: Relayout(); return;
         case acConfirmUpdate:
             if (notification->Index != 0) {

@@ -199,6 +199,11 @@ private:
     template <typename F>
     void Change(bool layout, F&& store);
     void SetAttribute(TKdsAttribute attribute, bool value);
+    // There is none after the last number of its kind: that one stays.
+    [[nodiscard]] std::int64_t NumberAfter(std::int64_t number) const noexcept {
+        std::int64_t next = 0;
+        return __builtin_add_overflow(number, fAutoIncStep, &next) ? number : next;
+    }
     void UpdateDataSize() noexcept;
     void UpdateOccurences() noexcept;
     static void CheckLength(std::u16string_view name, std::int32_t length);

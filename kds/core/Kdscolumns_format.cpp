@@ -51,6 +51,11 @@ std::int32_t TKdsColumn::GetDisplayWidth() const noexcept {
 std::u16string TKdsColumn::FormatValue(const TVariant& value, const TKdsRecord* record) const {
     if (fFormatter) return fFormatter->Format(this, value, record);
     if (!value.Assigned()) return {};
+    if (value.Type() == varInterface) {
+        const auto* const custom = value.Get<TIntf<IInterface>>().Get();
+        const auto* const exportable = dynamic_cast<const IKdsExportable*>(custom);
+        return exportable == nullptr ? std::u16string() : VarToText(exportable->ExportValue());
+    }
     std::int32_t decimals = fDecimals;
     if (fAttributes.Has(caRowDecimals) && record != nullptr && record->Decimals() >= 0) {
         decimals = record->Decimals();

@@ -256,8 +256,12 @@ void TKdsList::RemoveDestroyed(TKdsItem* sender) {
             throw;
         }
         // It has left the list already, so its end goes on.
-        if (LateErrors != nullptr) LateErrors->Keep(std::current_exception());
+        KeepLateError();
     }
+}
+
+void TKdsList::KeepLateError() noexcept {
+    if (LateErrors != nullptr) LateErrors->Keep(std::current_exception());
 }
 
 void TKdsList::Handle(TNotification* notification) {

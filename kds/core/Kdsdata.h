@@ -215,6 +215,8 @@ protected:
         return index >= 0 && index < DoGetCount();
     }
     void CheckInsert(std::int32_t index, const TKdsItem* item) const;
+    // For the error being handled, raised by somebody who hears too late that an item ends.
+    static void KeepLateError() noexcept;
     // Ends every element, refusals unheard, last first.
     void DropAll() noexcept;
 

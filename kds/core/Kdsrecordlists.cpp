@@ -143,7 +143,7 @@ void TKdsTableRecordList::TakeOut(std::int32_t index, TOwned<TKdsRecord>* keeper
     {
         TKdsTravelScope travel(fTable);
         auto* const record = static_cast<TKdsRecord*>(fItems.Get(index));
-        if (bury) fTable->fDead.reserve(fTable->fDead.size() + 1);
+        if (bury) fTable->ReserveDead();
         Notify(acPrepareDelete, record, index);
         DoDelete(index);
         errors.Run([&] { Notify(acConfirmDelete, record, index); });
@@ -197,7 +197,12 @@ void TKdsTableRecordList::Notify(TNotification* notification) {
 // A record that ends itself leaves the list with the delete pair; a refusal keeps it.
 void TKdsTableRecordList::RemoveDying(TKdsRecord* record) {
     if (fOrder == rloMixed) KdsError(u"How could we fall into rloMixed mode?");
-    TakeOut(PositionOf(record), nullptr, /*bury=*/false);
+    try {
+        TakeOut(PositionOf(record), nullptr, /*bury=*/false);
+    } catch (...) {
+        if (record->Owner() == this) throw;
+        KeepLateError();
+    }
 }
 
 bool TKdsTableRecordList::HoldsRowID(std::uint32_t rowID) const {

@@ -61,8 +61,12 @@ void TKdsRecord::SetDecimals(std::int32_t value) noexcept {
 
 // ---- States -------------------------------------------------------------------------------
 
-void TKdsRecord::SwitchState(TKdsRecordState state) noexcept {
-    fOldState = fRowState;
+void TKdsRecord::SwitchState(TKdsRecordState state) {
+    if (IsTemporary(state)) {
+        if (!IsTemporary(fRowState)) fOldState = fRowState;
+    } else if (!IsTemporary(fRowState) || state != fOldState) {
+        KdsError(u"RecordStateInvalid");
+    }
     fRowState = state;
 }
 
@@ -94,12 +98,18 @@ const std::byte* TKdsRecord::FindBuffer() const {
     return EffectiveState() == rsRegular ? fBuffer.Original : fBuffer.Proposed;
 }
 
-std::byte* TKdsRecord::WritableBuffer() {
-    if (EffectiveState() == rsRegular) return fTable->ExpandBuffer(this);
-    return fBuffer.Proposed;
+std::byte* TKdsRecord::WritableBuffer(const TKdsSlot& slot) {
+    if (MovesForWrite(slot)) ExpandBuffer();
+    return EffectiveState() == rsRegular ? fBuffer.Original : fBuffer.Proposed;
+}
+
+void TKdsRecord::ExpandBuffer() {
+    fTable->ExpandBuffer(EffectiveState() == rsRegular ? fBuffer.Original : fBuffer.Proposed);
+    fRowFlags = static_cast<std::uint8_t>(fRowFlags & ~CompactBit);
 }
 
 void TKdsRecord::CheckConstraints(TKdsRecordState state) {
+    if (fTable == nullptr) KdsError(u"RecordStateInvalid");
     if (state != rsRegular) return;
     const std::byte* const buffer = FindBuffer();
     const TKdsLayout& layout = fTable->Layout();
@@ -119,8 +129,13 @@ void TKdsRecord::PrepareInsert() {
     CheckState({rsDetached}, true, u"CannotInsertRecord");
     if (fTable->fLastRowID == NoRowID) KdsError(u"MaximumCapacity");
     CheckConstraints(rsRegular);
+    // What is calculated once the row stands must find its room.
+    if ((fRowFlags & CompactBit) != 0 && fTable->Columns()->Occurences().Has(coCalculated)) {
+        ExpandBuffer();
+    }
 }
 
+// The row stands in the list already: whatever fails on the way, it becomes whole.
 void TKdsRecord::ConfirmInsert() {
     if (fRowID == NoRowID) {
         fRowID = fTable->fLastRowID++;
@@ -129,13 +144,17 @@ void TKdsRecord::ConfirmInsert() {
         fTable->fLastRowID = fRowID + 1;
     }
     const TKdsOccurences occurences = fTable->Columns()->Occurences();
-    if (occurences.Has(coCalculated) && fTable->Status() != mtsMassive) CalculateColumns(true);
-    if (occurences.Has(coAutoInc)) fTable->FollowAutoIncrement(this);
+    TFirstError errors;
+    if (occurences.Has(coCalculated) && fTable->Status() != mtsMassive) {
+        errors.Run([&] { CalculateColumns(true); });
+    }
+    if (occurences.Has(coAutoInc)) errors.Run([&] { fTable->FollowAutoIncrement(this); });
     fTable->Untrack(this);
     fBuffer.Original = std::exchange(fBuffer.Proposed, nullptr);
-    SwitchState(rsRegular);
+    Become(rsRegular);
     fTable->fModified = true;
     fTable->CompactBuffer(this);
+    errors.Rethrow();
 }
 
 // ---- Update -------------------------------------------------------------------------------
@@ -144,7 +163,7 @@ void TKdsRecord::Edit() {
     if (fTable == nullptr || IsPosting()) KdsError(u"RecordStateInvalid");
     CheckState({rsRegular}, true, u"RecordAlreadyEdits");
     fBuffer.Proposed = fTable->CopyBuffer(fBuffer.Original);
-    SwitchState(rsEditing);
+    Become(rsEditing);
 }
 
 void TKdsRecord::Post() {
@@ -159,7 +178,7 @@ void TKdsRecord::Post() {
     table->FindChanges(fBuffer.Original, fBuffer.Proposed);
     table->ReservePlaces();
     std::swap(fBuffer.Original, fBuffer.Proposed);
-    SwitchState(rsRegular);
+    Become(rsRegular);
     table->fModified = true;
     TFirstError errors;
     {
@@ -206,16 +225,17 @@ void TKdsRecord::CheckDelete() const {
 }
 
 void TKdsRecord::PrepareDelete() {
-    Cancel();
-    if (fTable->Status() != mtsDestroy) CheckState({rsRegular}, true, u"CannotDeleteRecord");
     if (IsPosting()) KdsError(u"CannotDeleteRecord");
     fTable->ReserveTrack();
+    Cancel();
+    if (fTable->Status() != mtsDestroy) CheckState({rsRegular}, true, u"CannotDeleteRecord");
 }
 
 void TKdsRecord::ConfirmDelete() {
     // The detached record keeps its last values, for everybody who still hears of its end.
-    fBuffer.Proposed = fBuffer.Original;
-    SwitchState(rsDetached);
+    // An edit that a table in destruction finds in a temporary state is still open.
+    fTable->FreeBuffer(this, std::exchange(fBuffer.Proposed, fBuffer.Original));
+    Become(rsDetached);
     fTable->Track(this);
     fTable->fModified = true;
 }

@@ -136,8 +136,11 @@ public:
     void Post();    // nothing unless edited; ColumnNotNull and UniqueViolated leave the edit open
     void Cancel();  // nothing unless edited
     void Delete();  // CannotDeleteRecord; frees the record
-    void SwitchState(TKdsRecordState state) noexcept;
-    void EnterForced() noexcept { SwitchState(rsForced); }
+    // Enters a temporary state, or goes back to the state before it; RecordStateInvalid for any
+    // other, because the buffers go with the lasting states. Within one temporary state another
+    // changes nothing about the buffer.
+    void SwitchState(TKdsRecordState state);
+    void EnterForced() { SwitchState(rsForced); }
     void LeaveForced();
     void CheckState(TKdsRecordStates states, bool expected, std::u16string_view key) const;
     std::byte* CheckWrite(const TKdsColumn* column);
@@ -212,7 +215,7 @@ public:
     [[nodiscard]] const std::byte* KeyBuffer() const { return FindBuffer(); }
     // While Post's notification travels, the values before it.
     [[nodiscard]] bool IsPosting() const noexcept {
-        return fRowState == rsRegular && fOldState == rsEditing;
+        return fRowState == rsRegular && fBuffer.Proposed != nullptr;
     }
 
     using TKdsItem::Notify;
@@ -247,11 +250,19 @@ private:
     [[nodiscard]] TKdsRecordState EffectiveState() const noexcept {
         return IsTemporary(fRowState) ? fOldState : fRowState;
     }
+    void Become(TKdsRecordState state) noexcept { fOldState = std::exchange(fRowState, state); }
     [[nodiscard]] TKdsColumn* ColumnAt(std::int32_t index) const;
     [[nodiscard]] TKdsColumn* ColumnBy(std::u16string_view name) const;
     void CheckColumn(const TKdsColumn* column) const;
-    // Full-size, resident, never nullptr.
-    [[nodiscard]] std::byte* WritableBuffer();
+    // Resident, never nullptr, and with room for this column.
+    [[nodiscard]] std::byte* WritableBuffer(const TKdsSlot& slot);
+    // Whether making room moves the buffer: it ends behind its last value. Delayed columns always
+    // have room, so that a read that calculates them moves nothing.
+    [[nodiscard]] bool MovesForWrite(const TKdsSlot& slot) const noexcept {
+        return (fRowFlags & CompactBit) != 0 && slot.StampOffset < 0 &&
+               EffectiveState() != rsEditing;
+    }
+    void ExpandBuffer();
 
     // Called by the record list's notifications.
     void PrepareInsert();
@@ -273,10 +284,12 @@ private:
                         std::int32_t size);
     void StoreVariant(const TKdsColumn* column, const TVariant& value);
     void StoreNull(const TKdsColumn* column);
-    void FinishPost(std::byte* old) noexcept;
     void BringHome() noexcept;
     [[noreturn]] static void RaiseMismatch(const TKdsColumn* column, std::u16string_view key);
     [[noreturn]] static void RaiseNotRaw();
+
+    // In the flags: the buffer that was posted last has been cut behind its last value.
+    static constexpr std::uint8_t CompactBit = 0x80;
 
     TKdsRecordState fRowState = rsDetached;
     TKdsRecordState fOldState = rsDetached;
@@ -348,6 +361,7 @@ template <>
 
 template <typename T>
 void TKdsRecord::Set(const TKdsColumn* column, const T& value) {
+    if (column == nullptr) CheckColumn(column);
     const TKdsDataType type = column->DataType();
     if constexpr (std::is_convertible_v<const T&, std::string_view>) {
         const std::string_view text = value;

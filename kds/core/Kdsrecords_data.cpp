@@ -152,7 +152,7 @@ void TKdsRecord::RefreshDelayed(const TKdsColumn* column, const TKdsSlot& slot) 
     const TVariant value = Compute(column);
     TKdsStateScope calculating(this, rsCalculate);
     StoreVariant(column, value);
-    StoreRaw(WritableBuffer() + slot.StampOffset, version);
+    StoreRaw(WritableBuffer(slot) + slot.StampOffset, version);
 }
 
 bool TKdsRecord::GetDataP(const TKdsColumn* column, const void*& data, std::int32_t& size) {
@@ -199,7 +199,7 @@ void TKdsRecord::StoreValue(const TKdsColumn* column, const void* data, std::int
     if (size != slot.Size) RaiseMismatch(column, u"DataBufferMismatch");
     std::byte raw[16];
     std::memcpy(raw, data, static_cast<std::size_t>(size));  // it may lie in this very buffer
-    std::byte* const buffer = WritableBuffer();
+    std::byte* const buffer = WritableBuffer(slot);
     std::memcpy(buffer + slot.Offset, raw, static_cast<std::size_t>(size));
     slot.MarkValue(buffer);
 }
@@ -211,13 +211,12 @@ void TKdsRecord::StoreText(const TKdsColumn* column, const TKdsSlot& slot, const
     const std::size_t bytes =
         static_cast<std::size_t>(size) * (slot.Type == dtWideString ? sizeof(char16_t) : 1);
     // Making a compact buffer full-size would move the source under our feet.
-    const bool ours = fTable->fOptions.Has(mtoStripNulls) && EffectiveState() == rsRegular;
     std::string copy;
-    if (ours) {
+    if (MovesForWrite(slot)) {
         copy.assign(static_cast<const char*>(data), bytes);
         data = copy.data();
     }
-    std::byte* const buffer = WritableBuffer();
+    std::byte* const buffer = WritableBuffer(slot);
     std::byte* const target = buffer + slot.Offset;
     if (slot.Type == dtChar) {
         if (bytes > 0) std::memmove(target, data, bytes);
@@ -236,7 +235,7 @@ void TKdsRecord::StoreReference(const TKdsColumn* column, const TKdsSlot& slot, 
         if (size < 0) RaiseMismatch(column, u"DataBufferMismatch");
         TAnsiString text = fTable->Strings()->ReferString(
             column, {static_cast<const char*>(data), static_cast<std::size_t>(size)});
-        std::byte* const buffer = WritableBuffer();
+        std::byte* const buffer = WritableBuffer(slot);
         TAnsiString previous = TAnsiString::Attach(LoadRaw<void*>(buffer + slot.Offset));
         StoreRaw(buffer + slot.Offset, text.Detach());
         slot.MarkValue(buffer);
@@ -245,7 +244,7 @@ void TKdsRecord::StoreReference(const TKdsColumn* column, const TKdsSlot& slot, 
     }
     if (size != slot.Size) RaiseMismatch(column, u"DataBufferMismatch");
     const TIntf<IInterface> intf = BufferToIntf(data);
-    std::byte* const buffer = WritableBuffer();
+    std::byte* const buffer = WritableBuffer(slot);
     IntfToBuffer(buffer + slot.Offset, intf);
     slot.MarkValue(buffer);
 }
@@ -253,7 +252,7 @@ void TKdsRecord::StoreReference(const TKdsColumn* column, const TKdsSlot& slot, 
 void TKdsRecord::StoreNull(const TKdsColumn* column) {
     const TKdsSlot& slot = fTable->Layout().Slot(column->Index());
     if (slot.Kind == skComputed) KdsError(u"DataTypeUnsupported");
-    std::byte* const buffer = WritableBuffer();
+    std::byte* const buffer = WritableBuffer(slot);
     if (slot.Kind == skMemo) {
         TAnsiString previous = TAnsiString::Attach(LoadRaw<void*>(buffer + slot.Offset));
         StoreRaw<void*>(buffer + slot.Offset, nullptr);

@@ -143,7 +143,8 @@ bool TKdsRecord::SameValueC(const TKdsColumn* column, TKdsRecord* other,
         return CompareData(value1.Type, value1.Data, value2.Data, value1.Size, value2.Size, {}) ==
                0;
     }
-    // Values of different families have no common raw form.
+    // Values of different families have no common raw form; custom data have no text either.
+    if (value1.Type == dtCustomData || value2.Type == dtCustomData) return false;
     const TVariant a = BufferToVar(value1.Type, value1.Data, value1.Size);
     const TVariant b = BufferToVar(value2.Type, value2.Data, value2.Size);
     return a.IsText() == b.IsText() && VarToText(a) == VarToText(b);
@@ -162,7 +163,7 @@ void TKdsRecord::AssignDefaults() {
     for (TKdsColumn* const column : *fTable->Columns()) {
         if (column->fOccurences.Has(coAutoInc)) {
             StoreVariant(column, column->fAutoIncNext);
-            column->fAutoIncNext += column->fAutoIncStep;
+            column->fAutoIncNext = column->NumberAfter(column->fAutoIncNext);
         } else if (column->fOccurences.Has(coHasDefault)) {
             StoreVariant(column, column->DefaultValue());
         }
@@ -170,21 +171,30 @@ void TKdsRecord::AssignDefaults() {
 }
 
 // Stored calculated columns in column order; delayed ones wait for a read. In a change that stands
-// a calculation that fails leaves its column null.
+// a calculation that fails leaves its column null, whatever the routine of the host raises; only
+// that memory ran out is told, at the end.
 void TKdsRecord::CalculateColumns(bool keepGoing) {
+    TFirstError errors;
     for (TKdsColumn* const column : *fTable->Columns()) {
         if (!column->Calculated() || column->IsComputed() || column->IsDelayed()) continue;
-        TVariant value;
-        try {
-            value = Compute(column);
-            TKdsStateScope calculating(this, rsCalculate);
-            StoreVariant(column, value);
-        } catch (const Exception&) {
-            if (!keepGoing) throw;
+        const auto setNull = [&] {
             TKdsStateScope calculating(this, rsCalculate);
             StoreNull(column);
+        };
+        try {
+            const TVariant value = Compute(column);
+            TKdsStateScope calculating(this, rsCalculate);
+            StoreVariant(column, value);
+        } catch (const std::bad_alloc&) {
+            if (!keepGoing) throw;
+            errors.Keep(std::current_exception());
+            setNull();
+        } catch (...) {
+            if (!keepGoing) throw;
+            setNull();
         }
     }
+    errors.Rethrow();
 }
 
 // ---- Comparison ---------------------------------------------------------------------------

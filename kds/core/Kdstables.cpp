@@ -48,11 +48,22 @@ void TKdsTable::Teardown() noexcept {
         } catch (...) {
         }
     }
-    fRecords.reset();
+    // Observers and links may look at the lists while they hear of the end.
+    TKdsTravelGuard guard;
+    const auto end = [](auto& list) {
+        if (list != nullptr) list->FreeForced();
+        (void)list.release();
+    };
+    try {
+        if (fRecords != nullptr) fRecords->Clear();
+    } catch (...) {
+    }
     fEvents.clear();
     BuryDead();
     DropLocator();
-    fViews.reset();
+    end(fViews);
+    end(fRecords);  // with the rows that somebody put in meanwhile
+    BuryDead();
     ReleaseDetached();
     ForgetScopes();
     fColumns.reset();
@@ -151,7 +162,7 @@ void TKdsTable::FollowAutoIncrement(TKdsRecord* record) {
         const std::int64_t step = column->fAutoIncStep;
         const bool beyond =
             step > 0 ? number >= column->fAutoIncNext : step < 0 && number <= column->fAutoIncNext;
-        if (isNumber && beyond) column->fAutoIncNext = number + step;
+        if (isNumber && beyond) column->fAutoIncNext = column->NumberAfter(number);
     }
 }
 

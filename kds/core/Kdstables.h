@@ -196,8 +196,10 @@ public:
     // The primary view, brought up to date where that is possible now; nullptr when there is none
     // that can be asked.
     [[nodiscard]] TKdsView* UsablePrimaryView();
-    // A detached scratch record with these key values; good until its next use.
-    [[nodiscard]] TKdsRecord* Locator();
+    // The detached scratch record of searches, all null. It is taken for as long as the search
+    // runs: a routine of the host that searches meanwhile gets another one.
+    [[nodiscard]] TOwned<TKdsRecord> TakeLocator();
+    void GiveLocator(TOwned<TKdsRecord>&& locator) noexcept;
     [[nodiscard]] const TKdsLayout& Layout() const noexcept { return fColumns->Layout(); }
 
 protected:
@@ -215,6 +217,7 @@ private:
     friend class TKdsBusyScope;
     friend class TKdsTravelScope;
     friend class TKdsTableScope;
+    friend class TKdsLoad;
     friend class TKdsView;
     friend class TKdsViewList;
 
@@ -227,12 +230,13 @@ private:
     void GiveBack(std::byte* buffer) noexcept;
     [[nodiscard]] std::byte* CopyBuffer(const std::byte* source);
     void CompactBuffer(TKdsRecord* record) noexcept;
-    [[nodiscard]] std::byte* ExpandBuffer(TKdsRecord* record);
+    void ExpandBuffer(std::byte*& buffer);
     void RetainReferences(const std::byte* buffer) noexcept;
     void ReleaseReferences(std::byte* buffer) noexcept;
     // ---- Detached rows ----
     void Track(TKdsRecord* record);
     void ReserveTrack();
+    void ReserveDead();
     void Untrack(TKdsRecord* record) noexcept;
     void DropLocator() noexcept;
     void ReleaseDetached() noexcept;
@@ -380,6 +384,9 @@ public:
     TKdsLoad(TKdsTable* table, TKdsTableStatus status);
     ~TKdsLoad();
     void Leave();
+
+private:
+    void End() noexcept;
 };
 
 }  // namespace kds

@@ -62,17 +62,14 @@ void TKdsTable::CompactBuffer(TKdsRecord* record) noexcept {
     std::memcpy(compact, record->fBuffer.Original, size);
     ::operator delete(record->fBuffer.Original);
     record->fBuffer.Original = static_cast<std::byte*>(compact);
+    record->fRowFlags |= TKdsRecord::CompactBit;
 }
 
-// The posted buffer in full size: its compact form has no room behind the last value.
-std::byte* TKdsTable::ExpandBuffer(TKdsRecord* record) {
-    if (KeepsHome()) return record->fBuffer.Original;
+// The buffer in full size: its compact form has no room behind the last value.
+void TKdsTable::ExpandBuffer(std::byte*& buffer) {
     std::byte* const full = InitBuffer();
-    const std::byte* const compact = record->fBuffer.Original;
-    std::memcpy(full, compact, static_cast<std::size_t>(Layout().CompactSize(compact)));
-    ::operator delete(record->fBuffer.Original);
-    record->fBuffer.Original = full;
-    return full;
+    std::memcpy(full, buffer, static_cast<std::size_t>(Layout().CompactSize(buffer)));
+    ::operator delete(std::exchange(buffer, full));
 }
 
 void TKdsTable::RetainReferences(const std::byte* buffer) noexcept {
@@ -102,11 +99,20 @@ void TKdsTable::ReleaseReferences(std::byte* buffer) noexcept {
 
 // ---- Detached rows ------------------------------------------------------------------------
 
-void TKdsTable::ReserveTrack() {
-    if (fDetached.size() == fDetached.capacity()) {
-        fDetached.reserve(std::max<std::size_t>(16, fDetached.size() * 2));
+namespace {
+
+// Room for one more, so that adding it cannot fail.
+void ReserveOne(std::vector<TKdsRecord*>& records) {
+    if (records.size() == records.capacity()) {
+        records.reserve(std::max<std::size_t>(16, records.size() * 2));
     }
 }
+
+}  // namespace
+
+void TKdsTable::ReserveTrack() { ReserveOne(fDetached); }
+
+void TKdsTable::ReserveDead() { ReserveOne(fDead); }
 
 void TKdsTable::Track(TKdsRecord* record) {
     ReserveTrack();
@@ -121,16 +127,26 @@ void TKdsTable::Untrack(TKdsRecord* record) noexcept {
     fDetached.pop_back();
 }
 
-TKdsRecord* TKdsTable::Locator() {
-    if (fLocator == nullptr) {
-        fLocator = TKdsRecord::Create(this, false);
+TOwned<TKdsRecord> TKdsTable::TakeLocator() {
+    TOwned<TKdsRecord> locator = std::move(fLocator);
+    if (locator == nullptr) {
+        locator = TKdsRecord::Create(this, false);
         --fOrphanRows;  // it will never be inserted
     }
     // What an earlier search left behind must not take part in this one.
-    std::byte* const buffer = fLocator->fBuffer.Proposed;
+    std::byte* const buffer = locator->fBuffer.Proposed;
     ReleaseReferences(buffer);
     std::memset(buffer, 0, static_cast<std::size_t>(Layout().RecordSize()));
-    return fLocator.get();
+    for (const std::int32_t column : Layout().DelayedColumns()) {
+        // Counts as calculated: what is sought must not be calculated away.
+        StoreRaw(buffer + Layout().Slot(column).StampOffset, fVersion);
+    }
+    return locator;
+}
+
+void TKdsTable::GiveLocator(TOwned<TKdsRecord>&& locator) noexcept {
+    DropLocator();
+    fLocator = std::move(locator);
 }
 
 void TKdsTable::DropLocator() noexcept {
@@ -150,10 +166,11 @@ void TKdsTable::ReleaseDetached() noexcept {
 }
 
 void TKdsTable::CheckRestructure() {
-    DropLocator();
-    if ((fRecords != nullptr && fRecords->Count() > 0) || !fDetached.empty()) {
+    const std::size_t locators = fLocator != nullptr ? 1 : 0;
+    if ((fRecords != nullptr && fRecords->Count() > 0) || fDetached.size() > locators) {
         KdsError(u"CannotRestructure", {Name()});
     }
+    DropLocator();
 }
 
 void TKdsTable::LayoutChanged() noexcept {
@@ -168,6 +185,7 @@ void TKdsTable::EnterLoad(TKdsTableStatus status) {
         ++fLoadLocks;
         return;
     }
+    CheckNotBusy();
     if (status == mtsDestroy || status == mtsMassive) {
         TScopeGuard undo([&] {
             try {
@@ -185,7 +203,9 @@ void TKdsTable::EnterLoad(TKdsTableStatus status) {
 }
 
 void TKdsTable::LeaveLoad() {
-    if (fLoadLocks == 0 || --fLoadLocks > 0) return;
+    if (fLoadLocks == 0) return;
+    if (fLoadLocks == 1) CheckNotBusy();
+    if (--fLoadLocks > 0) return;
     const TKdsTableStatus status = std::exchange(fStatus, mtsRegular);
     TFirstError errors;
     if (status == mtsDestroy || status == mtsMassive) {
@@ -291,11 +311,21 @@ void TKdsEdit::Post() {
 }
 
 TKdsLoad::TKdsLoad(TKdsTable* table, TKdsTableStatus status) : TKdsTableScope(table) {
-    table->EnterLoad(status);
+    const std::int32_t before = table->fLoadLocks;
+    try {
+        table->EnterLoad(status);
+    } catch (...) {
+        // A receiver of the news raised: the bracket stands, but nobody would leave it.
+        if (fTable != nullptr && table->fLoadLocks > before) End();
+        throw;
+    }
 }
 
 TKdsLoad::~TKdsLoad() {
-    if (!fOpen || fTable == nullptr) return;
+    if (fOpen && fTable != nullptr) End();
+}
+
+void TKdsLoad::End() noexcept {
     try {
         Leave();
     } catch (...) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <limits>
 
 #include "kds/core/Kdserrors.h"
 #include "kds/expr/Extvars.h"
@@ -58,6 +59,16 @@ std::int32_t OrderRaw(const void* a, const void* b) noexcept {
 std::int32_t WholeDay(double days) noexcept {
     if (std::isnan(days)) return 0;
     return static_cast<std::int32_t>(std::clamp(std::trunc(days), -2147483648.0, 2147483647.0));
+}
+
+// A date that no day number holds is an error, as any number that does not fit is.
+std::int32_t DayNumber(double days) {
+    using TLimits = std::numeric_limits<std::int32_t>;
+    const std::int64_t day = VarToInt64(TVariant(std::trunc(days)));
+    if (day < TLimits::min() || day > TLimits::max() - DayNumberOfEpoch) {
+        throw EIntOverflow(u"The date is out of range");
+    }
+    return static_cast<std::int32_t>(day) + DayNumberOfEpoch;
 }
 
 // Same day: only whole seconds count, so that values of different precision meet.
@@ -236,8 +247,7 @@ void VarToBuffer(TKdsDataType type, const TVariant& value, void* buffer, std::in
             return;
         case dtExtended: WriteRaw<double>(VarToExtended(value), buffer, length); return;
         case dtDate:
-            WriteRaw<std::int32_t>(WholeDay(VarToDateTime(value).Days) + DayNumberOfEpoch, buffer,
-                                   length);
+            WriteRaw<std::int32_t>(DayNumber(VarToDateTime(value).Days), buffer, length);
             return;
         case dtTime:
             WriteRaw<std::int32_t>(SplitDateTime(VarToDateTime(value).Days).Milliseconds, buffer,

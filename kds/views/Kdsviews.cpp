@@ -307,10 +307,11 @@ void TKdsView::Locate(std::span<const TVariant> values, TKdsLocateOptions option
     if (values.size() > static_cast<std::size_t>(fColumns->Count())) {
         throw EInvalidArgument(u"More values than order columns");
     }
-    TKdsRecord* const key = fTable->Locator();
+    TOwned<TKdsRecord> key = fTable->TakeLocator();
+    TScopeGuard giveBack([&] { fTable->GiveLocator(std::move(key)); });
     std::int32_t count = 0;
     for (const TVariant& value : values) key->StoreVariant(fColumns->GetItem(count++), value);
-    Search(key, nullptr, count, options, index, found);
+    Search(key.get(), nullptr, count, options, index, found);
 }
 
 std::int32_t TKdsView::Find(std::span<const TVariant> values) {

@@ -1,0 +1,250 @@
+#include "kds/core/Kdsstores.h"
+
+#include <gtest/gtest.h>
+
+#include "kds/core/Kdserrors.h"
+#include "tests/support/Recorder.h"
+
+namespace kds {
+namespace {
+
+using support::Refusal;
+using support::TLines;
+using support::TRecorder;
+using support::TRecording;
+
+class TKdsStoreTest : public testing::Test {
+protected:
+    TKdsStoreTest() : fStore(Stores()->Append(TRecording<TKdsStore>::Create(&fRecorder, u"Shop"))) {
+        fRecorder.Lines.clear();
+    }
+    ~TKdsStoreTest() override {
+        fRecorder.OnNote = nullptr;
+        if (fStore != nullptr) fStore->Free();
+        EXPECT_EQ(Stores()->Count(), 0);
+    }
+    // A table that writes down what its list hands it.
+    TRecording<TKdsTable>* AddListening(std::u16string_view name) {
+        auto table = TRecording<TKdsTable>::Create(&fDown, name);
+        table->RecordHandle();
+        auto* const kept = table.get();
+        fStore->Tables()->Add(std::move(table));
+        fDown.Lines.clear();
+        fRecorder.Lines.clear();
+        return kept;
+    }
+    [[nodiscard]] TLines TableNames() const {
+        TLines names;
+        for (const TKdsTable* const table : *fStore->Tables())
+            names.push_back(support::NameOf(table));
+        return names;
+    }
+
+    TRecorder fRecorder;
+    TRecorder fDown;
+    TKdsStore* fStore;
+};
+
+TEST_F(TKdsStoreTest, IsFoundByItsNameInAnyCaseAndHasNoTwin) {
+    EXPECT_EQ(Stores()->Find(u"SHOP"), fStore);
+    EXPECT_EQ(Stores()->Stores(u"shop"), fStore);
+    EXPECT_EQ(Stores()->Items(0), fStore);
+    EXPECT_EQ(Refusal([] { (void)Stores()->Stores(u"none"); }), "Item named \"none\" not found");
+    EXPECT_EQ(Refusal([] { TKdsStore::Create(u"sHop"); }), "Duplicate item name \"sHop\"");
+    EXPECT_EQ(Stores()->Count(), 1);
+}
+
+TEST_F(TKdsStoreTest, KeepsTablesInNameOrderAndFindsThemByTheirIndex) {
+    TKdsTableList* const tables = fStore->Tables();
+    for (const char16_t* const name : {u"b", u"C", u"a"}) tables->Add(name);
+    EXPECT_EQ(TableNames(), (TLines{"a", "b", "C"}));
+    EXPECT_EQ(tables->Find(u"c"), tables->Items(2));
+    EXPECT_EQ(tables->Tables(u"B")->Store(), fStore);
+    EXPECT_EQ(Refusal([&] { (void)tables->Tables(u"x"); }), "Item named \"x\" not found");
+    EXPECT_EQ(Refusal([&] { tables->Add(u"A"); }), "Duplicate item name \"A\"");
+
+    // A rename moves the index entry and leaves the table where it stands.
+    tables->Items(0)->SetName(u"z");
+    EXPECT_EQ(tables->Find(u"Z"), tables->Items(0));
+    EXPECT_EQ(tables->Find(u"a"), nullptr);
+    tables->Add(u"0");
+    EXPECT_EQ(TableNames(), (TLines{"0", "b", "C", "z"}));
+    EXPECT_TRUE(tables->IsConsistent());
+
+    const TOwned<TKdsTable> alone = TKdsTable::Create(u"alone");
+    tables->Delete(1);
+    EXPECT_EQ(tables->Find(u"b"), nullptr);
+    EXPECT_EQ(alone->Store(), nullptr);
+    EXPECT_TRUE(tables->IsConsistent());
+}
+
+TEST_F(TKdsStoreTest, ANameBeyondSevenBitsStandsInTheListButNotInTheIndex) {
+    TKdsTableList* const tables = fStore->Tables();
+    const std::string refusal = "Object name cannot contain 'ä' character";
+    EXPECT_EQ(Refusal([&] { tables->Add(u"zät"); }), refusal);
+    tables->Add(u"b");
+    ASSERT_EQ(tables->Count(), 2);
+    EXPECT_EQ(tables->Find(u"zät"), nullptr);
+    ASSERT_EQ(tables->IndexOfName(u"ZÄT"), 1);
+    TKdsTable* const odd = tables->Items(1);
+
+    odd->SetName(u"plain");  // no entry to follow
+    EXPECT_EQ(tables->Find(u"plain"), nullptr);
+    TKdsTable* const b = tables->Find(u"b");
+    EXPECT_EQ(Refusal([&] { b->SetName(u"bä"); }), refusal);
+    EXPECT_EQ(b->Name(), u"bä");
+    EXPECT_EQ(tables->Find(u"b"), nullptr);
+    EXPECT_TRUE(tables->IsConsistent());
+    tables->Remove(odd);
+    tables->Clear();
+    EXPECT_EQ(tables->Count(), 0);
+}
+
+TEST_F(TKdsStoreTest, HandsMetadataToEveryTableAndKeepsDataToItself) {
+    TKdsTable* const a = AddListening(u"a");
+    TKdsTable* const b = AddListening(u"b");
+
+    a->Columns()->Add(u"n", dtInteger);
+    EXPECT_EQ(fDown.Take(), (TLines{"acPrepareInsert n @0", "a < acPrepareInsert n @0",
+                                    "b < acPrepareInsert n @0", "acConfirmInsert n @0",
+                                    "a < acConfirmInsert n @0", "b < acConfirmInsert n @0"}));
+    EXPECT_EQ(fRecorder.Take(), (TLines{"acPrepareInsert n @0", "acConfirmInsert n @0"}));
+
+    TKdsRecord* const row = a->Insert({1});
+    row->Signal();
+    // Each climbed to the store and no further: nobody was handed a row.
+    EXPECT_EQ(fRecorder.Take(), (TLines{"acPrepareInsert row? @0", "acConfirmInsert row0 @0",
+                                        "acStatusChanged row0 @0"}));
+    EXPECT_EQ(fDown.Take(), (TLines{"acPrepareInsert row? @0", "acConfirmInsert row0 @0",
+                                    "acStatusChanged row0 @0"}));
+    b->Columns()->Add(u"n", dtInteger)->SetDescription(u"text");
+    EXPECT_EQ(fDown.Take().back(), "b < acConfirmUpdate n @0");
+}
+
+TEST_F(TKdsStoreTest, TellsItsTablesInOrderWhenItsVisibilityChanges) {
+    AddListening(u"b");
+    AddListening(u"a");
+    fStore->SetVisibility(viRegular);
+    EXPECT_EQ(fRecorder.Take(), TLines{});
+
+    // The second table hears although a receiver of the first one's raises.
+    fRecorder.Refuse(acStatusChanged);
+    EXPECT_EQ(Refusal([&] { fStore->SetVisibility(viSpecial); }), "refused");
+    EXPECT_EQ(fRecorder.Take(), (TLines{"acStatusChanged a @0", "acStatusChanged b @0"}));
+    EXPECT_EQ(fStore->Visibility(), viSpecial);
+}
+
+TEST_F(TKdsStoreTest, ClearsRowsAndResetsTables) {
+    for (const char16_t* const name : {u"a", u"b"}) {
+        TKdsTable* const table = fStore->Tables()->Add(name);
+        table->Columns()->Add(u"n", dtInteger);
+        table->Insert({1});
+    }
+    fStore->Clear();
+    ASSERT_EQ(fStore->Tables()->Count(), 2);
+    for (TKdsTable* const table : *fStore->Tables()) {
+        EXPECT_EQ(table->Records()->Count(), 0);
+        EXPECT_EQ(table->Columns()->Count(), 1);
+    }
+    fRecorder.Lines.clear();
+    fStore->Reset();
+    EXPECT_EQ(fStore->Tables()->Count(), 0);
+    EXPECT_EQ(fRecorder.Take(), (TLines{"acPrepareDelete b @1", "acConfirmDelete b @1",
+                                        "acPrepareDelete a @0", "acConfirmDelete a @0"}));
+}
+
+TEST_F(TKdsStoreTest, EndsWithItsTablesHearingOfItFirst) {
+    AddListening(u"a")->Columns()->Add(u"n", dtInteger);
+    fStore->Tables()->Items(0)->Insert({1});
+    fDown.Lines.clear();
+
+    std::exchange(fStore, nullptr)->Free();
+
+    EXPECT_EQ(fDown.Lines.front(), "a < acObjectDestroy Shop @0");
+    EXPECT_EQ(Stores()->Count(), 0);
+}
+
+// A handler far below ends the whole store while its table's event is being delivered.
+TEST_F(TKdsStoreTest, MayBeEndedFromALinksHandler) {
+    TKdsTable* const table = fStore->Tables()->Add(u"a");
+    table->Columns()->Add(u"n", dtInteger);
+    TKdsView* const view = table->Select(u"n");
+    const auto end = [&](TKdsView*, TKdsEvent* event) {
+        if (event->Reason == evRecordInsert) std::exchange(fStore, nullptr)->Free();
+    };
+    TKdsViewHandler handler(TKdsViewEvent::BindCall(&end));
+    handler.SetView(view);
+
+    table->Insert({1});
+
+    EXPECT_EQ(Stores()->Count(), 0);
+    EXPECT_EQ(handler.View(), nullptr);
+}
+
+TEST_F(TKdsStoreTest, MayBeEndedByAnObserverOfATableThatIsGoing) {
+    struct TSexton final : IKdsSexton {
+        TKdsStore** Store = nullptr;
+        void RecordDeleted(TKdsTable*, TKdsRecord*) override {}
+        void TableDestroyed(TKdsTable*) override {
+            if (*Store != nullptr) std::exchange(*Store, nullptr)->Free();
+        }
+    };
+    const auto sexton = MakeIntf<TSexton>();
+    sexton->Store = &fStore;
+    fStore->Tables()->Add(u"a");
+    fStore->Tables()->Add(u"b")->AppendSexton(sexton);
+
+    fStore->Reset();
+
+    EXPECT_EQ(Stores()->Count(), 0);
+}
+
+// But not from a routine that runs inside the engine.
+TEST_F(TKdsStoreTest, CannotEndWhileATableIsBusyWithARoutineOfTheHost) {
+    TKdsTable* const table = fStore->Tables()->Add(u"a");
+    table->Columns()->Add(u"n", dtInteger);
+    table->Insert({1});
+    TLines refusals;
+    (void)table->SelectA(
+        {}, {}, AcceptWhen([&](TKdsRecord*) {
+            const std::int32_t place = Stores()->IndexOf(fStore);
+            refusals = {Refusal([&] { fStore->Free(); }), Refusal([&] { Stores()->Delete(place); }),
+                        Refusal([&] { fStore->Reset(); }), Refusal([&] { table->Free(); })};
+            return true;
+        }));
+    EXPECT_EQ(refusals, TLines(4, "Invalid operation for record state"));
+    EXPECT_EQ(Stores()->IndexOf(fStore), 0);
+    EXPECT_STREQ(table->Inconsistency(), nullptr);
+}
+
+// ---- String list --------------------------------------------------------------------------
+
+TEST(TKdsStringListTest, KeepsSevenBitNamesSortedEachOnce) {
+    TKdsStringList names;
+    TKdsStringList other;
+    EXPECT_EQ(names.Add(u"b", &names), 0);
+    EXPECT_EQ(names.Add(u"A", &other), 0);
+    EXPECT_EQ(names.Add(u"B", &other), 1);  // there already, with its first object
+    EXPECT_EQ(names.Count(), 2);
+    EXPECT_EQ(names.FindObject(u"B"), &names);
+    EXPECT_EQ(names.IndexOfObject(&other), 0);
+    std::int32_t place = -1;
+    EXPECT_FALSE(names.Find(u"ab", place));
+    EXPECT_EQ(place, 1);
+    EXPECT_EQ(Refusal([&] { names.Add(u"c\u0080\u0081", nullptr); }),
+              "Object name cannot contain '\u0080' character");
+    EXPECT_EQ(names.Count(), 2);
+    EXPECT_THROW((void)names.Strings(2), EListError);
+    EXPECT_THROW((void)names.Objects(-1), EListError);
+    EXPECT_THROW(names.Delete(2), EListError);
+    EXPECT_TRUE(names.IsConsistent());
+
+    TKdsStringList exact(/*caseSensitive=*/true);
+    exact.Add(u"b", nullptr);
+    exact.Add(u"B", nullptr);
+    EXPECT_EQ(exact.Strings(0), u"B");
+    EXPECT_EQ(exact.Count(), 2);
+}
+
+}  // namespace
+}  // namespace kds
