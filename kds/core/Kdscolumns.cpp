@@ -294,6 +294,7 @@ void TKdsTableColumnList::Handle(TNotification* notification) {
     TKdsSteps steps(notification);
     if (ours) {
         CheckRestructure(notification);
+        ReserveFor(*notification);
         steps.Run([&] { Follow(notification); });
     }
     steps.Run([&] { TKdsColumnList::Handle(notification); });
@@ -313,6 +314,16 @@ void TKdsTableColumnList::CheckRestructure(TNotification* notification) const {
             if (fTable->IsBusy()) fTable->CheckNotBusy();
             return;
         default: return;
+    }
+}
+
+// So that layout and name index, which follow when the change stands, need no memory then.
+void TKdsTableColumnList::ReserveFor(const TNotification& notification) {
+    if (notification.Action == acPrepareInsert) {
+        fLayout.Reserve(fCount + 1);
+        fNames.Reserve(static_cast<TKdsColumn*>(notification.Target)->Name());
+    } else if (notification.Action == acPrepareRename) {
+        fNames.Reserve(static_cast<TKdsColumn*>(notification.Sender)->Name());
     }
 }
 

@@ -304,6 +304,7 @@ private:
     explicit TKdsTableColumnList(TKdsTable* table);
     ~TKdsTableColumnList() override = default;
     void CheckRestructure(TNotification* notification) const;
+    void ReserveFor(const TNotification& notification);
     void Follow(TNotification* notification);
     void Relayout();
     void UpdateNotNull();

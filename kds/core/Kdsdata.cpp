@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <optional>
 
 #include "kds/core/Kdserrors.h"
 #include "kds/core/Kdstables.h"
@@ -52,17 +53,23 @@ void TKdsItem::Notify(TNotification* notification) {
 void TKdsItem::Handle(TNotification*) {}
 
 void TKdsItem::Free() {
+    if ((fOwner & (EndingBit | DeadBit)) != 0) return;
     TKdsTravelGuard guard;
     TFirstError late;
     TFirstError* const outer = std::exchange(LateErrors, &late);
     TScopeGuard restore([&] { LateErrors = outer; });
+    TScopeGuard lives([&] { fOwner &= ~EndingBit; });
     BeforeDestruction();
+    lives.Dismiss();
     Teardown();
     Dispose();
     late.Rethrow();
 }
 
-void TKdsItem::BeforeDestruction() { Notify(acObjectDestroy, nullptr, 0); }
+void TKdsItem::BeforeDestruction() {
+    fOwner |= EndingBit;
+    Notify(acObjectDestroy, nullptr, 0);
+}
 
 void TKdsItem::Dispose() noexcept {
     if (TravelDepth == 0) {
@@ -212,10 +219,19 @@ void TKdsList::Move(std::int32_t from, std::int32_t to) {
     if (from != to) DoSwitch(from, to);
 }
 
+// From the last to the first. What receivers put in meanwhile stays, or this might never end; an
+// element that somebody keeps ends it.
 void TKdsList::Clear() {
     TKdsTravelGuard guard;
-    while (DoGetCount() >= 1) Delete(DoGetCount() - 1);
-    DoClear();
+    TFirstError errors;
+    for (std::int32_t left = DoGetCount(); left > 0 && DoGetCount() > 0; --left) {
+        left = std::min(left, DoGetCount());
+        const TKdsItem* const item = DoGetItem(left - 1);
+        errors.Run([&] { Delete(left - 1); });
+        if (errors.Any() && CheckIndex(left - 1) && DoGetItem(left - 1) == item) break;
+    }
+    if (DoGetCount() == 0) DoClear();
+    errors.Rethrow();
 }
 
 void TKdsList::SetMaximumCapacity(std::int32_t value) {
@@ -473,24 +489,47 @@ void TKdsActiveItem::PrepareOrDismiss() {
     undo.Dismiss();
 }
 
+// While the table runs a routine of the host, what is built stays and nothing is built.
+void TKdsActiveItem::CheckNotBusy() const {
+    if (fTable != nullptr && fTable->IsBusy()) KdsError(u"RecordStateInvalid");
+}
+
+// Links hear of what happened on the way when it is over: they may do anything, also to this item.
 void TKdsActiveItem::Update() {
     if (fActual == Ready()) return;
+    CheckNotBusy();
     TKdsTravelGuard guard;
-    if (fActual) Dismiss();
-    PrepareOrDismiss();
-    Notify(acStatusChanged, nullptr, 0);
+    std::optional<TKdsChangeBracket> bracket;
+    if (fTable != nullptr) {
+        fTable->ReserveEvents(1);
+        bracket.emplace(fTable);
+    }
+    TFirstError errors;
+    errors.Run([&] {
+        if (fActual) Dismiss();
+        PrepareOrDismiss();
+        Notify(acStatusChanged, nullptr, 0);
+    });
+    if (bracket) bracket->Close(errors);
+    errors.Rethrow();
 }
 
 void TKdsActiveItem::Refresh() {
     if (!fActual) return;
+    CheckNotBusy();
     TKdsTravelGuard guard;
     Dismiss();
     fActual = false;
-    Update();
+    TFirstError errors;
+    errors.Run([&] { Update(); });
+    // It was prepared and is no longer: that, too, is a change of its status.
+    if (errors.Any() && !fActual) errors.Run([&] { Notify(acStatusChanged, nullptr, 0); });
+    errors.Rethrow();
 }
 
 void TKdsActiveItem::SetActive(bool value) {
     if (value == fActive) return;
+    CheckNotBusy();
     fActive = value;
     Update();
 }
@@ -517,6 +556,7 @@ TOwned<TKdsActiveList> TKdsActiveList::Create(TKdsTable* table) {
 
 void TKdsActiveList::SetActive(bool value) {
     if (value == fActive) return;
+    if (fTable != nullptr && fTable->IsBusy()) KdsError(u"RecordStateInvalid");
     fActive = value;
     Update();
 }
@@ -570,10 +610,13 @@ void TKdsActiveList::Notify(TNotification* notification) {
 
 void TKdsActiveList::Clear() {
     TKdsTravelGuard guard;
+    TFirstError errors;
     TKdsListCursor cursor(this);
-    while (TKdsItem* const item = cursor.Next())
-        static_cast<TKdsActiveItem*>(item)->SetActive(false);
-    TKdsNameList::Clear();
+    while (TKdsItem* const item = cursor.Next()) {
+        errors.Run([&] { static_cast<TKdsActiveItem*>(item)->SetActive(false); });
+    }
+    errors.Run([&] { TKdsNameList::Clear(); });
+    errors.Rethrow();
 }
 
 void TKdsActiveList::Teardown() noexcept {

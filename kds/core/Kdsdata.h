@@ -100,7 +100,7 @@ class TKdsItem : public TObject {
 public:
     [[nodiscard]] static TOwned<TKdsItem> Create(TKdsItem* owner);
     [[nodiscard]] TKdsItem* Owner() const noexcept {
-        return (fOwner & DeadBit) != 0 ? nullptr : reinterpret_cast<TKdsItem*>(fOwner);
+        return (fOwner & DeadBit) != 0 ? nullptr : reinterpret_cast<TKdsItem*>(fOwner & ~EndingBit);
     }
     [[nodiscard]] virtual TKdsSphere Sphere() const noexcept { return spData; }
     // Fills a notification with this item as its sender and sends it up.
@@ -108,7 +108,7 @@ public:
     virtual void Notify(TNotification* notification);
     virtual void Handle(TNotification* notification);
     // As every object; an error of a receiver that heard of the end too late to refuse it is
-    // raised when the end is complete.
+    // raised when the end is complete. Nothing for an item whose end is under way.
     void Free();
     // Raises acObjectDestroy while every field is whole.
     void BeforeDestruction() override;
@@ -117,11 +117,19 @@ protected:
     explicit TKdsItem(TKdsItem* owner) noexcept : fOwner(reinterpret_cast<std::uintptr_t>(owner)) {}
     ~TKdsItem() override = default;
     void Dispose() noexcept override;
-    void SetOwner(TKdsItem* owner) noexcept { fOwner = reinterpret_cast<std::uintptr_t>(owner); }
+    void SetOwner(TKdsItem* owner) noexcept {
+        fOwner = reinterpret_cast<std::uintptr_t>(owner) | (fOwner & EndingBit);
+    }
+    // Only its memory is left, until the notifications that may stand on it have travelled.
+    [[nodiscard]] bool IsDead() const noexcept { return (fOwner & DeadBit) != 0; }
 
 private:
     friend class TKdsList;
+    friend class TKdsTable;
+    friend class TKdsKeyChange;
     friend class TKdsTravelGuard;
+    // Set when the end is announced, so that nobody who hears of it ends the item a second time.
+    static constexpr std::uintptr_t EndingBit = 2;
     // A dead item needs no owner: the field links the items that wait for their memory to go.
     static constexpr std::uintptr_t DeadBit = 1;
     std::uintptr_t fOwner;
@@ -345,6 +353,7 @@ protected:
     ~TKdsActiveItem() override = default;
     void Teardown() noexcept override;
     void PrepareOrDismiss();
+    void CheckNotBusy() const;
 
     bool fActive = false;
     bool fActual = false;

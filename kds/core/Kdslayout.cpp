@@ -17,6 +17,16 @@ void TKdsLayout::Reset(std::int32_t columnCount) {
     fNextOffset = fNullBytes;
 }
 
+void TKdsLayout::Reserve(std::int32_t columnCount) {
+    const auto count = static_cast<std::size_t>(columnCount);
+    if (count <= fSlots.capacity() && count <= fDelayedColumns.capacity()) return;
+    const std::size_t room = count + count / 2 + 4;
+    fSlots.reserve(room);
+    fReferenceColumns.reserve(room);
+    fNotNull.reserve((room + 31) / 32);
+    fDelayedColumns.reserve(room);  // last: it tells whether all of them succeeded
+}
+
 void TKdsLayout::Add(TKdsDataType type, TKdsSlotKind kind, std::int32_t size, bool delayed) {
     const std::int32_t column = ColumnCount();
     TKdsSlot slot;

@@ -56,6 +56,8 @@ struct TKdsSlot {
 class TKdsLayout {
 public:
     void Reset(std::int32_t columnCount);
+    // Sees to it that a layout of so many columns needs no memory.
+    void Reserve(std::int32_t columnCount);
     // Columns are added in column order; `size` is the room in the buffer, 0 for none.
     void Add(TKdsDataType type, TKdsSlotKind kind, std::int32_t size, bool delayed);
     void Finish();

@@ -100,7 +100,7 @@ void TKdsTableRecordList::InsertItem(std::int32_t index, TKdsItem* item, TReleas
     {
         TKdsTravelScope travel(fTable);
         Notify(acPrepareInsert, record, index);
-        fTable->ReservePlaces();
+        fTable->ReservePlaces(record);
         DoInsert(index, record);
         release(holder);
         TakeOwnership(record);
@@ -143,6 +143,7 @@ void TKdsTableRecordList::TakeOut(std::int32_t index, TOwned<TKdsRecord>* keeper
     {
         TKdsTravelScope travel(fTable);
         auto* const record = static_cast<TKdsRecord*>(fItems.Get(index));
+        fTable->ReserveEvents(1);
         if (bury) fTable->ReserveDead();
         Notify(acPrepareDelete, record, index);
         DoDelete(index);
@@ -156,10 +157,13 @@ void TKdsTableRecordList::TakeOut(std::int32_t index, TOwned<TKdsRecord>* keeper
 }
 
 void TKdsTableRecordList::Clear() {
+    fTable->CheckNotBusy();
+    fTable->ReserveDeaths();
     TKdsTravelGuard guard;
-    while (fItems.Count() > 0) Delete(fItems.Count() - 1);
-    DoClear();
-    fOrder = rloRowID;
+    TFirstError errors;
+    errors.Run([&] { TKdsRecordList::Clear(); });
+    if (fItems.Count() == 0) fOrder = rloRowID;
+    errors.Rethrow();
 }
 
 // ---- Notifications ------------------------------------------------------------------------

@@ -56,7 +56,7 @@ public:
     [[nodiscard]] std::int32_t IndexOf(const TKdsItem* record) const override;
     void Delete(std::int32_t index) override;
     // Takes the record out alive: it keeps its values and its row identifier and may be added
-    // again.
+    // again. When somebody who is told of it raises, it is out all the same, and gone.
     [[nodiscard]] TOwned<TKdsRecord> Extract(TKdsRecord* record);
     void Clear() override;
     [[nodiscard]] TKdsRecordListOrder Order() const noexcept { return fOrder; }

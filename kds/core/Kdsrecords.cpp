@@ -160,7 +160,7 @@ void TKdsRecord::ConfirmInsert() {
 // ---- Update -------------------------------------------------------------------------------
 
 void TKdsRecord::Edit() {
-    if (fTable == nullptr || IsPosting()) KdsError(u"RecordStateInvalid");
+    if (fTable == nullptr || IsPosting() || fTable->IsBusy()) KdsError(u"RecordStateInvalid");
     CheckState({rsRegular}, true, u"RecordAlreadyEdits");
     fBuffer.Proposed = fTable->CopyBuffer(fBuffer.Original);
     Become(rsEditing);
@@ -172,11 +172,9 @@ void TKdsRecord::Post() {
     table->CheckNotBusy();
     TKdsChangeBracket bracket(table);
     CheckConstraints(rsRegular);
+    table->ReservePlaces(this);
     if (table->Columns()->Occurences().Has(coCalculated)) CalculateColumns(false);
-    // A comparer of the host may have cancelled the edit meanwhile.
-    if (fRowState != rsEditing) return;
     table->FindChanges(fBuffer.Original, fBuffer.Proposed);
-    table->ReservePlaces();
     std::swap(fBuffer.Original, fBuffer.Proposed);
     Become(rsRegular);
     table->fModified = true;
@@ -207,6 +205,7 @@ void TKdsRecord::BringHome() noexcept {
 
 void TKdsRecord::Cancel() {
     if (fRowState != rsEditing) return;
+    if (fTable->IsBusy()) KdsError(u"RecordStateInvalid");  // its values are being compared
     fRowState = rsRegular;
     fOldState = rsRegular;
     fTable->FreeBuffer(this, std::exchange(fBuffer.Proposed, nullptr));

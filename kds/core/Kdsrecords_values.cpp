@@ -204,6 +204,10 @@ std::int32_t TKdsRecord::Compare(TKdsOrderColumnList* columns, std::int32_t coun
     if (fTable == nullptr || other == nullptr || other->fTable == nullptr) {
         KdsError(u"RecordStateInvalid");
     }
+    if (other->fTable != fTable) throw EInvalidArgument(u"The records are of different tables");
+    if (columns != nullptr) {
+        for (const TKdsColumn* const column : *columns) CheckColumn(column);
+    }
     return CompareRecords(this, TKdsReading::Current, other, TKdsReading::Current, columns, count,
                           options);
 }

@@ -88,16 +88,26 @@ void TKdsStore::SetVisibility(TKdsVisibility value) {
 }
 
 void TKdsStore::Clear() {
+    CheckNotBusy();
+    // What can fail comes before the first table is emptied.
+    for (TKdsTable* const table : *fTables) table->ReserveClear();
     TKdsTravelGuard guard;
+    TFirstError errors;
     TKdsListCursor cursor(fTables.get());
-    while (TKdsItem* const table = cursor.Next()) static_cast<TKdsTable*>(table)->Clear();
+    while (TKdsItem* const table = cursor.Next()) {
+        errors.Run([&] { static_cast<TKdsTable*>(table)->Clear(); });
+    }
     fStrings->Clear();
+    errors.Rethrow();
 }
 
 void TKdsStore::Reset() {
+    CheckNotBusy();
     TKdsTravelGuard guard;
-    fTables->Clear();
+    TFirstError errors;
+    errors.Run([&] { fTables->Clear(); });
     fStrings->Clear();
+    errors.Rethrow();
 }
 
 // ---- TKdsTableList ------------------------------------------------------------------------
@@ -148,6 +158,12 @@ void TKdsTableList::IndexName(TKdsTable* table) { fNames.Add(table->Name(), tabl
 void TKdsTableList::Handle(TNotification* notification) {
     TKdsSteps steps(notification);
     const bool ours = notification->Sender == this;
+    // So that the index, which follows when the change stands, needs no memory then.
+    if (ours && notification->Action == acPrepareInsert) {
+        fNames.Reserve(static_cast<TKdsTable*>(notification->Target)->Name());
+    } else if (notification->Action == acPrepareRename && notification->Sender->Owner() == this) {
+        fNames.Reserve(static_cast<TKdsTable*>(notification->Sender)->Name());
+    }
     if (ours && notification->Action == acConfirmInsert) {
         steps.Run([&] { IndexName(static_cast<TKdsTable*>(notification->Target)); });
     } else if (ours && notification->Action == acConfirmDelete) {

@@ -37,6 +37,13 @@ std::int32_t TKdsStringList::Add(std::u16string_view name, TObject* object) {
     return index;
 }
 
+void TKdsStringList::Reserve(std::u16string_view name) {
+    if (fEntries.size() == fEntries.capacity()) {
+        fEntries.reserve(fEntries.size() + fEntries.size() / 2 + 4);
+    }
+    fSpare = name;
+}
+
 void TKdsStringList::Delete(std::int32_t index) {
     if (index < 0 || index >= Count()) ListIndexError(index);
     fEntries.erase(fEntries.begin() + index);
@@ -57,7 +64,13 @@ void TKdsStringList::InsertItem(std::int32_t index, std::u16string_view name, TO
     for (const char16_t character : name) {
         if (character > 127) KdsError(u"Object name cannot contain '%s' character", {character});
     }
-    fEntries.insert(fEntries.begin() + index, TEntry{std::u16string(name), object});
+    TEntry entry{{}, object};
+    if (fSpare == name) {
+        entry.Name.swap(fSpare);
+    } else {
+        entry.Name = name;
+    }
+    fEntries.insert(fEntries.begin() + index, std::move(entry));
 }
 
 std::int32_t TKdsStringList::CompareStrings(std::u16string_view a, std::u16string_view b) const {

@@ -35,6 +35,8 @@ public:
     [[nodiscard]] TObject* FindObject(std::u16string_view name) const;
     // Answers the position; a name that is there already stays with its first object.
     std::int32_t Add(std::u16string_view name, TObject* object);
+    // Sees to it that adding this name next needs no memory.
+    void Reserve(std::u16string_view name);
     void Delete(std::int32_t index);
     // Position of the first entry with this object, -1 when there is none. O(n).
     [[nodiscard]] std::int32_t IndexOfObject(const TObject* object) const noexcept;
@@ -52,6 +54,7 @@ private:
         TObject* Object;
     };
     std::vector<TEntry> fEntries;
+    std::u16string fSpare;  // the name that Reserve put by
     bool fCaseSensitive;
 };
 

@@ -212,24 +212,35 @@ void TKdsTable::RaiseBusy() const { KdsError(u"RecordStateInvalid"); }
 
 // ---- Observers ----------------------------------------------------------------------------
 
-namespace {
-
-// Over a copy that holds them: an observer may take itself out while it is told.
+// Without memory of its own, for everybody must hear of it. An observer may take itself or others
+// out meanwhile: its slot is emptied and goes when the outermost walk has ended.
 template <typename F>
-void TellAll(const std::vector<TIntf<IKdsSexton>>& observers, F&& tell) {
-    const std::vector<TIntf<IKdsSexton>> told = observers;
+void TKdsTable::TellAll(std::vector<TIntf<IKdsSexton>>& observers, F&& tell) {
+    ++fTelling;
     TFirstError errors;
-    for (const TIntf<IKdsSexton>& observer : told) errors.Run([&] { tell(*observer); });
+    const std::size_t count = observers.size();
+    for (std::size_t i = 0; i < count && i < observers.size(); ++i) {
+        const TIntf<IKdsSexton> observer = observers[i];
+        if (observer) errors.Run([&] { tell(*observer); });
+    }
+    if (--fTelling == 0) {
+        std::erase(fDeacons, nullptr);
+        std::erase(fSextons, nullptr);
+    }
     errors.Rethrow();
 }
 
-}  // namespace
+void TKdsTable::Dismiss(std::vector<TIntf<IKdsSexton>>& observers,
+                        const TIntf<IKdsSexton>& observer) noexcept {
+    std::ranges::replace(observers, observer, TIntf<IKdsSexton>());
+    if (fTelling == 0) std::erase(observers, nullptr);
+}
 
 void TKdsTable::AppendDeacon(TIntf<IKdsSexton> observer) {
     if (observer) fDeacons.push_back(std::move(observer));
 }
 
-void TKdsTable::RemoveDeacon(const TIntf<IKdsSexton>& observer) { std::erase(fDeacons, observer); }
+void TKdsTable::RemoveDeacon(const TIntf<IKdsSexton>& observer) { Dismiss(fDeacons, observer); }
 
 void TKdsTable::NotifyDeacons(TKdsRecord* record) {
     TellAll(fDeacons, [&](IKdsSexton& observer) { observer.RecordDeleted(this, record); });
@@ -239,7 +250,7 @@ void TKdsTable::AppendSexton(TIntf<IKdsSexton> observer) {
     if (observer) fSextons.push_back(std::move(observer));
 }
 
-void TKdsTable::RemoveSexton(const TIntf<IKdsSexton>& observer) { std::erase(fSextons, observer); }
+void TKdsTable::RemoveSexton(const TIntf<IKdsSexton>& observer) { Dismiss(fSextons, observer); }
 
 void TKdsTable::NotifySextons() {
     TellAll(fSextons, [&](IKdsSexton& observer) { observer.TableDestroyed(this); });

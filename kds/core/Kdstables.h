@@ -186,10 +186,14 @@ public:
     void CheckNotBusy() const {
         if ((fBusy | fTravels) != 0) RaiseBusy();
     }
-    [[nodiscard]] bool InBracket() const noexcept { return fBracket > 0; }
+    // Events wait, so that they arrive in order.
+    [[nodiscard]] bool InBracket() const noexcept { return fBracket > 0 || fDelivers; }
+    // Sees to it that this many events of each view find room in the queue.
+    void ReserveEvents(std::size_t each);
     void CountStagedEvent() noexcept { ++fStagedEvents; }
     [[nodiscard]] bool TakeStagedEvents() noexcept { return std::exchange(fStagedEvents, 0) > 0; }
-    void QueueEvent(TKdsView* view, const TKdsEvent& event);
+    // False when there is no memory for it.
+    [[nodiscard]] bool QueueEvent(TKdsView* view, const TKdsEvent& event) noexcept;
     void ForgetView(TKdsView* view) noexcept;
     void ForgetRecord(const TKdsRecord* record) noexcept;
     [[nodiscard]] const TKdsColumnMask& ChangedColumns() const noexcept { return fChanged; }
@@ -210,6 +214,7 @@ protected:
     void Teardown() noexcept override;
 
 private:
+    friend class TKdsStore;
     friend class TKdsTableList;
     friend class TKdsTableRecordList;
     friend class TKdsRecord;
@@ -218,6 +223,7 @@ private:
     friend class TKdsTravelScope;
     friend class TKdsTableScope;
     friend class TKdsLoad;
+    friend class TKdsKeyChange;
     friend class TKdsView;
     friend class TKdsViewList;
 
@@ -237,24 +243,35 @@ private:
     void Track(TKdsRecord* record);
     void ReserveTrack();
     void ReserveDead();
+    // For as many deletions as there are rows; for all that Clear does.
+    void ReserveDeaths();
+    void ReserveClear();
+    // Nobody is to be told, or is being told, of a row.
+    [[nodiscard]] bool MayBury() const noexcept {
+        return !fDelivers && fQueuedOrigins == 0 && fTravels == 0;
+    }
     void Untrack(TKdsRecord* record) noexcept;
     void DropLocator() noexcept;
     void ReleaseDetached() noexcept;
     // ---- Changes ----
     void FindChanges(const std::byte* before, const std::byte* after);
     void CheckUniqueViews(TKdsRecord* record);
-    void ReservePlaces();
+    void ReservePlaces(const TKdsRecord* record);
     void FollowAutoIncrement(TKdsRecord* record);
     void CloseBracket(TFirstError& errors) noexcept;
     void DeliverEvents(TFirstError& errors) noexcept;
     void BuryDead() noexcept;
     void ForgetScopes() noexcept;
     void UnlinkDeleted(TNotification* notification) noexcept;
+    template <typename F>
+    void TellAll(std::vector<TIntf<IKdsSexton>>& observers, F&& tell);
+    void Dismiss(std::vector<TIntf<IKdsSexton>>& observers,
+                 const TIntf<IKdsSexton>& observer) noexcept;
     // ---- Keys ----
-    void ChangePrimaryKey(const std::u16string& key);
     void MakePrimaryKey(const std::u16string& key);
     void DropPrimaryKey();
     [[nodiscard]] TKdsRecord* FindByColumnValues(std::span<const TVariant> values);
+    void MakeDefaultView(std::int32_t create);
     TKdsView* EnterView(TOwned<TKdsView>&& view);
     TKdsView* DoSelect(std::u16string_view orderBy, TKdsComparer onCompare,
                        std::u16string_view filter, TKdsAcceptRecordEvent onAccept,
@@ -294,6 +311,8 @@ private:
     std::int32_t fPreparing = 0;  // unique views that are making their columns not null
     std::int32_t fStagedEvents = 0;
     std::int32_t fComputeDepth = 0;
+    std::int32_t fTelling = 0;        // walks over observers
+    std::int32_t fQueuedOrigins = 0;  // events in the queue that name a row
     TKdsTableScope* fScopes = nullptr;
     bool fDelivers = false;
     bool fKeyFailed =

@@ -15,18 +15,24 @@ TKdsView* TKdsTable::UsablePrimaryView() {
     // In a mass operation the views are off and duplicates surface at its end.
     if (fStatus == mtsMassive || fStatus == mtsDestroy) return nullptr;
     if (!view->Actual()) {
+        TKdsTravelGuard guard;  // links hear of it, and may end the view
         // Two rows with one key: nothing has changed since, so it would fail again.
         if (fKeyFailed) KdsError(u"DuplicateRecords", {view->Name()});
-        TScopeGuard failed([&] { fKeyFailed = true; });
-        if (view->fAsleep) {
-            view->fAsleep = false;
-            view->SetActive(true);
-        } else {
-            view->Update();
+        try {
+            if (view->fAsleep) {
+                view->fAsleep = false;
+                view->SetActive(true);
+            } else {
+                view->Update();
+            }
+        } catch (const EKdsError&) {
+            // Other failures, of memory for instance, may pass by themselves.
+            fKeyFailed = !IsBusy() && !view->Actual();
+            throw;
         }
-        failed.Dismiss();
+        if (view != fPrimaryView || !view->Actual()) return nullptr;
     }
-    return view->Actual() ? view : nullptr;
+    return view;
 }
 
 void TKdsTable::CheckUniqueViews(TKdsRecord* record) {
@@ -51,11 +57,14 @@ void TKdsTable::CheckUniqueViews(TKdsRecord* record) {
     }
 }
 
-// So that placing the row, in the phase that stands, needs no memory.
-void TKdsTable::ReservePlaces() {
+// So that placing the row, and telling of it, in the phase that stands, needs no memory.
+void TKdsTable::ReservePlaces(const TKdsRecord* record) {
+    const std::uint32_t rowID = record->RowID() == NoRowID ? fLastRowID : record->RowID();
     for (TKdsView* const view : *fViews) {
-        if (view->Actual()) view->Storage()->Reserve(fLastRowID);
+        if (view->Actual()) view->Storage()->Reserve(rowID);
     }
+    fChanged.Reset(Layout().ColumnCount());
+    ReserveEvents(1);
 }
 
 void TKdsTable::FindChanges(const std::byte* before, const std::byte* after) {
@@ -108,47 +117,88 @@ bool TKdsTable::IsKeyColumn(const TKdsColumn* column) const {
     return columns->Contains(column);
 }
 
+// What a change of the primary key touches, as it was: put back unless the change stands. Views
+// that were built for the new key meanwhile give up their rows and are built again by their next
+// use.
+class TKdsKeyChange {
+public:
+    TKdsKeyChange(TKdsTable* table, const std::u16string& key)
+        : fTable(table), fPrimary(table->fPrimaryView), fDefault(table->fDefaultView) {
+        const TOwned<TKdsOrderColumnList> columns = TKdsOrderColumnList::Create();
+        columns->Parse(table, key);
+        for (TKdsColumn* const column : *columns) {
+            if (column->AllowNull()) fNullable.push_back(column);
+        }
+        if (fPrimary != nullptr) fPrimaryOrder = fPrimary->OrderBy();
+        if (fDefault != nullptr) fDefaultOrder = fDefault->OrderBy();
+    }
+    ~TKdsKeyChange() {
+        if (fStands || (fPrimary != nullptr && fPrimary->IsDead())) return;
+        TKdsView* const made = std::exchange(fTable->fPrimaryView, fPrimary);
+        fTable->fDefaultView = fDefault;
+        ++fTable->fPreparing;  // the views' orders are not concerned
+        TFirstError unheard;
+        if (made != nullptr && made != fPrimary) unheard.Run([&] { made->Free(); });
+        PutBack(fPrimary, fPrimaryOrder);
+        PutBack(fDefault, fDefaultOrder);
+        unheard.Run([&] {
+            for (TKdsColumn* const column : fNullable) column->SetAllowNull(true);
+        });
+        --fTable->fPreparing;
+    }
+    TKdsKeyChange(const TKdsKeyChange&) = delete;
+    TKdsKeyChange& operator=(const TKdsKeyChange&) = delete;
+    void Stands() noexcept { fStands = true; }
+
+private:
+    static void PutBack(TKdsView* view, std::u16string& order) noexcept {
+        if (view == nullptr || view->fOrderBy == order) return;
+        view->fOrderBy.swap(order);
+        view->GiveUp();
+    }
+    TKdsTable* fTable;
+    TKdsView* fPrimary;
+    TKdsView* fDefault;
+    std::u16string fPrimaryOrder, fDefaultOrder;
+    std::vector<TKdsColumn*> fNullable;
+    bool fStands = false;
+};
+
 void TKdsTable::SetPrimaryKey(std::u16string_view orderText) {
     const std::u16string key = NormalizeOrder(orderText);
     if (key == GetPrimaryKey()) return;
     CheckNotBusy();
-    TKdsTravelGuard guard;
-    TKdsOrderColumnList::Create()->Parse(this, key);
-    if (key.empty()) {
-        DropPrimaryKey();
-    } else if (fPrimaryView != nullptr) {
-        ChangePrimaryKey(key);
-    } else {
-        MakePrimaryKey(key);
-    }
-    fKeyFailed = false;
-}
-
-void TKdsTable::ChangePrimaryKey(const std::u16string& key) {
-    fPrimaryView->SetOrderBy(key);
-    if (fDefaultView != nullptr && fDefaultView != fPrimaryView) fDefaultView->SetOrderBy(key);
-}
-
-void TKdsTable::MakePrimaryKey(const std::u16string& key) {
-    TKdsView* const view = fViews->MakeIndex(key, {voUnique, voPrimary});
-    fPrimaryView = view;
-    TScopeGuard undo([&] {
-        // Rows that break the key: the table goes back to having none.
-        if (fPrimaryView != view) return;
-        fPrimaryView = nullptr;
-        try {
-            view->Free();
-        } catch (...) {
-            // Somebody keeps the view; it is an ordinary unique one then.
+    TKdsChangeBracket bracket(this);  // links hear of it when it is done
+    TFirstError errors;
+    errors.Run([&] {
+        TKdsKeyChange change(this, key);
+        if (key.empty()) {
+            DropPrimaryKey();
+        } else {
+            if (fPrimaryView != nullptr) {
+                fPrimaryView->SetOrderBy(key);
+            } else {
+                MakePrimaryKey(key);
+            }
+            if (fDefaultView != nullptr && fDefaultView != fPrimaryView) {
+                fDefaultView->SetOrderBy(key);
+            }
         }
+        change.Stands();
+        fKeyFailed = false;
     });
+    bracket.Close(errors);
+    errors.Rethrow();
+}
+
+// The view made for a first key goes again when the change is refused.
+void TKdsTable::MakePrimaryKey(const std::u16string& key) {
+    fPrimaryView = fViews->MakeIndex(key, {voUnique, voPrimary});
     if (HasFilters()) {
-        view->fAsleep = true;
+        fPrimaryView->fAsleep = true;
     } else {
-        view->SetActive(true);
+        fPrimaryView->SetActive(true);
     }
-    undo.Dismiss();
-    if (fDefaultView != nullptr && fDefaultView != view) fDefaultView->SetOrderBy(key);
 }
 
 void TKdsTable::DropPrimaryKey() {
@@ -165,6 +215,15 @@ void TKdsTable::DropPrimaryKey() {
 // ---- The default view ---------------------------------------------------------------------
 
 TKdsView* TKdsTable::GetDefaultView(std::int32_t create) {
+    TKdsChangeBracket bracket(this);  // links hear of it when it is done
+    TFirstError errors;
+    errors.Run([&] { MakeDefaultView(create); });
+    bracket.Close(errors);
+    errors.Rethrow();
+    return fDefaultView;
+}
+
+void TKdsTable::MakeDefaultView(std::int32_t create) {
     if (fDefaultView != nullptr) {
         TKdsView* const view = fDefaultView;
         if (view->fAsleep && view->Group()->Active()) {
@@ -172,7 +231,7 @@ TKdsView* TKdsTable::GetDefaultView(std::int32_t create) {
             view->SetActive(true);
         }
         view->Update();
-        return fDefaultView;
+        return;
     }
     const std::u16string key = GetPrimaryKey();
     if (!HasFilters()) {
@@ -184,7 +243,6 @@ TKdsView* TKdsTable::GetDefaultView(std::int32_t create) {
         view->SetOrderBy(key);
         fDefaultView = EnterView(std::move(view));
     }
-    return fDefaultView;
 }
 
 // Switched on, and so built, before it enters the list: a view that fails never gets there.
@@ -220,6 +278,7 @@ TKdsView* TKdsTable::DoSelect(std::u16string_view orderBy, TKdsComparer onCompar
                               TIntf<TKdsAcceptRecordProc> acceptProc, bool unordered,
                               const TIntf<IKdsViewFactory>& viewFactory) {
     CheckNotBusy();
+    TKdsChangeBracket bracket(this);  // links hear of it when it is done
     const std::u16string name = fViews->GenerateName(u"VW_" + Name());
     TOwned<TKdsView> view =
         viewFactory ? viewFactory->CreateView(this, name) : TKdsView::Create(this, name);
@@ -236,12 +295,16 @@ TKdsView* TKdsTable::DoSelect(std::u16string_view orderBy, TKdsComparer onCompar
         view->SetOnAccept(onAccept);
     }
     view->SetOnCompare(onCompare);
-    return EnterView(std::move(view));
+    TKdsView* const kept = EnterView(std::move(view));
+    TFirstError errors;
+    bracket.Close(errors);
+    errors.Rethrow();
+    return kept;
 }
 
 void TKdsTable::RebuildViews(bool full) {
     CheckNotBusy();
-    TKdsTravelGuard guard;
+    TKdsChangeBracket bracket(this);  // links hear of it when all views are built
     TFirstError errors;
     const auto refresh = [&](TKdsView* view) {
         const TKdsViewLockings previous = view->fLocking;
@@ -254,6 +317,7 @@ void TKdsTable::RebuildViews(bool full) {
     while (TKdsItem* const item = cursor.Next()) {
         if (item != fPrimaryView) errors.Run([&] { refresh(static_cast<TKdsView*>(item)); });
     }
+    bracket.Close(errors);
     errors.Rethrow();
 }
 

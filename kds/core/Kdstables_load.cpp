@@ -101,18 +101,31 @@ void TKdsTable::ReleaseReferences(std::byte* buffer) noexcept {
 
 namespace {
 
-// Room for one more, so that adding it cannot fail.
-void ReserveOne(std::vector<TKdsRecord*>& records) {
-    if (records.size() == records.capacity()) {
-        records.reserve(std::max<std::size_t>(16, records.size() * 2));
-    }
+// Room for so many more, so that adding them cannot fail.
+template <typename T>
+void ReserveMore(std::vector<T>& items, std::size_t count) {
+    if (items.capacity() - items.size() >= count) return;
+    items.reserve(std::max<std::size_t>({16, items.size() * 2, items.size() + count}));
 }
 
 }  // namespace
 
-void TKdsTable::ReserveTrack() { ReserveOne(fDetached); }
+void TKdsTable::ReserveTrack() { ReserveMore(fDetached, 1); }
 
-void TKdsTable::ReserveDead() { ReserveOne(fDead); }
+void TKdsTable::ReserveDead() { ReserveMore(fDead, 1); }
+
+// The dead wait for the events that name them; when there are none each is buried at once.
+void TKdsTable::ReserveDeaths() {
+    const auto count = MayBury() ? std::size_t{1} : static_cast<std::size_t>(fRecords->Count());
+    ReserveMore(fDetached, count);
+    ReserveMore(fDead, count);
+    ReserveEvents(count);
+}
+
+void TKdsTable::ReserveClear() {
+    ReserveDeaths();
+    ReserveEvents(5);  // the views go, perhaps twice, and come back
+}
 
 void TKdsTable::Track(TKdsRecord* record) {
     ReserveTrack();
@@ -181,6 +194,7 @@ void TKdsTable::LayoutChanged() noexcept {
 // ---- Load brackets ------------------------------------------------------------------------
 
 void TKdsTable::EnterLoad(TKdsTableStatus status) {
+    TKdsTravelGuard guard;  // links hear of it, and may end the table
     if (fLoadLocks > 0) {
         ++fLoadLocks;
         return;
@@ -189,7 +203,7 @@ void TKdsTable::EnterLoad(TKdsTableStatus status) {
     if (status == mtsDestroy || status == mtsMassive) {
         TScopeGuard undo([&] {
             try {
-                fViews->SetActive(true);
+                if (fViews != nullptr) fViews->SetActive(true);
             } catch (...) {
             }
         });
@@ -206,12 +220,14 @@ void TKdsTable::LeaveLoad() {
     if (fLoadLocks == 0) return;
     if (fLoadLocks == 1) CheckNotBusy();
     if (--fLoadLocks > 0) return;
+    TKdsChangeBracket bracket(this);  // links hear of it when all views are built
     const TKdsTableStatus status = std::exchange(fStatus, mtsRegular);
     TFirstError errors;
     if (status == mtsDestroy || status == mtsMassive) {
         errors.Run([&] { fViews->SetActive(true); });
     }
     errors.Run([&] { Notify(acStatusChanged, nullptr, 0); });
+    bracket.Close(errors);
     errors.Rethrow();
 }
 
@@ -219,7 +235,8 @@ void TKdsTable::Clear() {
     DropLocator();
     if (fStatus == mtsDestroy || fRecords->Count() == 0) return;
     CheckNotBusy();
-    TKdsTravelGuard guard;
+    ReserveClear();
+    TKdsChangeBracket bracket(this);
     EnterLoad(mtsDestroy);
     TFirstError errors;
     // Inside a bracket that keeps the views on they would follow every row out; they are built
@@ -228,8 +245,9 @@ void TKdsTable::Clear() {
     errors.Run([&] {
         if (switchesOff) fViews->SetActive(false);
     });
+    errors.Run([&] { fRecords->Clear(); });
     errors.Run([&] {
-        fRecords->Clear();
+        if (fRecords->Count() > 0) return;  // somebody keeps a row
         fStrings->Clear();
         fLastRowID = 0;
         fOrphanRows = 0;
@@ -240,13 +258,26 @@ void TKdsTable::Clear() {
         if (switchesOff && fLoadLocks > 1) fViews->SetActive(true);
     });
     errors.Run([&] { LeaveLoad(); });
+    bracket.Close(errors);
     errors.Rethrow();
 }
 
 // ---- Change brackets ----------------------------------------------------------------------
 
-void TKdsTable::QueueEvent(TKdsView* view, const TKdsEvent& event) {
-    fEvents.push_back({view, event});
+void TKdsTable::ReserveEvents(std::size_t each) {
+    if (fViews != nullptr) {
+        ReserveMore(fEvents, each * static_cast<std::size_t>(fViews->Count() + 1));
+    }
+}
+
+bool TKdsTable::QueueEvent(TKdsView* view, const TKdsEvent& event) noexcept {
+    try {
+        fEvents.push_back({view, event});
+        if (event.Origin != nullptr) ++fQueuedOrigins;
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
 }
 
 void TKdsTable::ForgetView(TKdsView* view) noexcept {
@@ -339,10 +370,10 @@ void TKdsLoad::Leave() {
 }
 
 void TKdsTable::CloseBracket(TFirstError& errors) noexcept {
-    if (--fBracket > 0 || fDelivers) return;
+    --fBracket;
     if (fEvents.empty() && fDead.empty()) return;
-    DeliverEvents(errors);
-    BuryDead();
+    if (fBracket == 0 && !fDelivers) DeliverEvents(errors);
+    if (MayBury()) BuryDead();
 }
 
 // Events of operations nested in a link's handler join the queue and arrive in order.
@@ -354,6 +385,7 @@ void TKdsTable::DeliverEvents(TFirstError& errors) noexcept {
         errors.Run([&] { queued.View->Deliver(queued.Event); });
     }
     fEvents.clear();
+    fQueuedOrigins = 0;
     fDelivers = false;
 }
 
@@ -361,7 +393,7 @@ void TKdsTable::BuryDead() noexcept {
     // A handler may have put a row back: then it lives.
     for (std::size_t next = 0; next < fDead.size(); ++next) {
         TKdsRecord* const record = fDead[next];
-        if (record->Owner() == nullptr) record->FreeForced();
+        if (record->Owner() == nullptr && !record->IsDead()) record->FreeForced();
     }
     fDead.clear();
 }

@@ -514,21 +514,21 @@ void TParallelMergeSort<T, C>::Work(std::int32_t chunk) noexcept {
 
 // Groups of 2, 4, 8... chunks. The thread of a group's highest chunk owns it: it waits for the
 // owner of the lower half and merges the two halves. A short last group may have no upper half, and
-// then there is nothing to merge. This thread is done at the first group that it does not own.
-// After an error in either half the owner still waits, so that whoever waits for it finds the whole
-// group at rest, but merges nothing any more.
+// then there is nothing to merge. This thread is done at the first group that it does not own, or
+// when there was an error in one of the halves: it passes that on to the owner of the next group,
+// so nothing that stands on the failed part is merged, whoever is still at work there.
 template <typename T, typename C>
 void TParallelMergeSort<T, C>::MergeGroups(std::int32_t chunk) noexcept {
     TChunk& own = fChunks[static_cast<std::size_t>(chunk)];
-    for (std::int32_t half = 1; half < fChunkCount; half *= 2) {
+    for (std::int32_t half = 1; half < fChunkCount && !own.Error; half *= 2) {
         const std::int32_t first = chunk / (2 * half) * (2 * half);
         const std::int32_t last = std::min(first + 2 * half, fChunkCount) - 1;
         if (chunk != last) return;
         if (first + half > last) continue;
         const TChunk& lower = fChunks[static_cast<std::size_t>(first + half - 1)];
         lower.Done.wait(false, std::memory_order_acquire);
-        if (lower.Error && !own.Error) own.Error = lower.Error;
-        if (own.Error) continue;
+        own.Error = lower.Error;
+        if (own.Error) return;
         const std::int64_t start = fChunks[static_cast<std::size_t>(first)].Start;
         try {
             TMergeState<T, C>(fItems + start, own.End - start, fCompare)

@@ -64,6 +64,7 @@ private:
     friend class TKdsView;
     TKdsCallTime fCall = ctNormal;
     TKdsView* fView = nullptr;
+    bool* fGone = nullptr;  // set when the link ends while it hears of a new view
 };
 
 using TKdsViewEvent = TDelegate<void(TKdsView*, TKdsEvent*)>;

@@ -99,6 +99,7 @@ void TKdsOrderColumnList::Parse(TKdsTable* table, std::u16string_view text) {
         TKdsColumn* Column;
         bool Caseless, Descends;
     };
+    if (table == nullptr) throw EInvalidArgument(u"An order needs a table");
     std::vector<TItem> items;
     ForEachItem(text, [&](std::u16string_view part) {
         std::u16string name(part);
@@ -110,16 +111,17 @@ void TKdsOrderColumnList::Parse(TKdsTable* table, std::u16string_view text) {
         items.push_back({column, options.Has(soNoCase) && IsTextType(column->DataType()),
                          options.Has(soDescending)});
     });
+    std::vector<TKdsItem*> columns;
     std::vector<bool> caseless;
     std::vector<bool> descends;
-    caseless.reserve(items.size());
-    descends.reserve(items.size());
-    Clear();
     for (const TItem& item : items) {
-        Append(item.Column);
+        columns.push_back(item.Column);
         caseless.push_back(item.Caseless);
         descends.push_back(item.Descends);
     }
+    Clear();
+    fItems.swap(columns);
+    fCount = fLimit = static_cast<std::int32_t>(fItems.size());
     fCaseless.swap(caseless);
     fDescends.swap(descends);
 }

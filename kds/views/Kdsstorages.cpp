@@ -424,6 +424,7 @@ PSkipListBucket TKdsViewStorageSkip::LikelyBucket(const TGuide& guide, F&& holds
     if (items.Count() < worthwhile) return nullptr;
     if (fDirectory.empty() || fStale > static_cast<std::int32_t>(fDirectory.size()) / 8 + 4) {
         MakeDirectory(guide);
+        if (fDirectory.empty()) return nullptr;
     }
     const auto [equal, next] =
         std::ranges::equal_range(fDirectory, guide.Key, {}, &TSeparator::Prefix);
@@ -444,13 +445,19 @@ PSkipListBucket TKdsViewStorageSkip::LikelyBucket(const TGuide& guide, F&& holds
     return items.BucketById(first->Bucket);
 }
 
+// Without memory for it there is none, and a search finds its way by the buckets themselves.
 void TKdsViewStorageSkip::MakeDirectory(const TGuide& guide) {
     const TUnrolledSkipList& items = fRecords.fItems;
     fDirectory.clear();
     fStale = 0;
-    for (PSkipListBucket bucket = items.FirstBucket(); bucket != nullptr;
-         bucket = items.NextBucket(bucket)) {
-        fDirectory.push_back({guide.Of(RecordOf(bucket->List.First())), bucket->Id});
+    try {
+        for (PSkipListBucket bucket = items.FirstBucket(); bucket != nullptr;
+             bucket = items.NextBucket(bucket)) {
+            fDirectory.push_back({guide.Of(RecordOf(bucket->List.First())), bucket->Id});
+        }
+    } catch (const std::bad_alloc&) {
+        fDirectory.clear();
+        return;
     }
     // A row that is out of place at the moment must not make the search in here go astray.
     std::ranges::sort(fDirectory, {}, &TSeparator::Prefix);

@@ -30,6 +30,12 @@ TKdsView* TKdsViewList::MakeIndex(std::u16string_view orderBy, TKdsViewOptions o
     return Append(std::move(view));
 }
 
+// Refused before the first view has been switched off.
+void TKdsViewList::Clear() {
+    fTable->CheckNotBusy();
+    TKdsActiveList::Clear();
+}
+
 void TKdsViewList::DoInsert(std::int32_t index, TKdsItem* item) {
     if (static_cast<TKdsView*>(item)->Table() != fTable) {
         throw EInvalidArgument(u"The view belongs to another table");
@@ -39,7 +45,8 @@ void TKdsViewList::DoInsert(std::int32_t index, TKdsItem* item) {
 
 // While rows or their order are being read, the views that read them stay.
 void TKdsViewList::Notify(TNotification* notification) {
-    if (notification->Sender == this && notification->Action == acPrepareDelete) {
+    if (notification->Sender == this &&
+        (notification->Action == acPrepareInsert || notification->Action == acPrepareDelete)) {
         fTable->CheckNotBusy();
     } else if (notification->Sender == this && notification->Action == acConfirmDelete) {
         fTable->ForgetView(static_cast<TKdsView*>(notification->Target));
@@ -52,10 +59,14 @@ void TKdsViewList::Handle(TNotification* notification) {
     TKdsSteps steps(notification);
     steps.Run([&] { TKdsActiveList::Handle(notification); });
     if (fTable->TakeStagedEvents()) {
+        TKdsChangeBracket bracket(fTable);
+        TFirstError errors;
         TKdsListCursor cursor(this);
         while (TKdsItem* const view = cursor.Next()) {
-            steps.Run([&] { static_cast<TKdsView*>(view)->FireEvents(); });
+            errors.Run([&] { static_cast<TKdsView*>(view)->FireEvents(); });
         }
+        bracket.Close(errors);
+        steps.Run([&] { errors.Rethrow(); });
     }
     steps.Finish();
 }

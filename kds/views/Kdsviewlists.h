@@ -33,6 +33,7 @@ public:
                                       TKdsViewOptions exclude) const;
     // A view that enforces a unique key; not switched on.
     TKdsView* MakeIndex(std::u16string_view orderBy, TKdsViewOptions options);
+    void Clear() override;
     using TKdsActiveList::Notify;
     void Notify(TNotification* notification) override;
     using TKdsActiveList::Handle;

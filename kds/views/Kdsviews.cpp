@@ -15,6 +15,7 @@ TKdsView::TKdsView(TKdsTable* table, std::u16string_view name)
       fCompareColumnList(fColumns.get()) {
     fTable = table;
     fGroup = table->Views();
+    if (fStorage == nullptr) throw EInvalidArgument(u"The storage factory made no storage");
     fStorage->SetOwner(this);
     fRecords = fStorage->GetRecords();
     fStats.CreateTime = Now();
@@ -28,6 +29,7 @@ TOwned<TKdsView> TKdsView::Create(TKdsTable* table, std::u16string_view name) {
 }
 
 void TKdsView::Teardown() noexcept {
+    fEnds = true;
     while (!fLinks.empty()) {
         TKdsViewLink* const link = fLinks.back();
         try {
@@ -35,7 +37,6 @@ void TKdsView::Teardown() noexcept {
         } catch (...) {
             // The view is going; the handler's error has nowhere to go.
         }
-        if (!fLinks.empty() && fLinks.back() == link) fLinks.pop_back();
     }
     TKdsActiveItem::Teardown();
     fStorage->Clear();
@@ -59,6 +60,7 @@ void TKdsView::CheckGuards() const {
 template <typename F>
 void TKdsView::ChangeOption(TKdsViewLocking locked, F&& store) {
     if (fTable != nullptr) fTable->CheckNotBusy();
+    TKdsTravelGuard guard;  // links hear of it, and may end the view
     store();
     if (!fActual) {
         Update();
@@ -109,9 +111,14 @@ void TKdsView::SetOnCompare(TKdsComparer value) {
     ChangeOption(vlFilters, [&] { fOnCompare = value; });
 }
 
+void TKdsView::RaiseForeign() {
+    throw EInvalidArgument(u"The record does not belong to the view's table");
+}
+
 // ---- Membership ---------------------------------------------------------------------------
 
 bool TKdsView::Accept(TKdsRecord* record) {
+    if (record == nullptr || record->Table() != fTable) RaiseForeign();
     bool accept = true;
     if (!fOnAccept) return accept;
     TKdsBusyScope busy(fTable);
@@ -142,6 +149,7 @@ std::int32_t ByRowID(const TKdsRecord* a, const TKdsRecord* b) noexcept {
 }  // namespace
 
 std::int32_t TKdsView::Compare(TKdsRecord* a, TKdsRecord* b) {
+    if (a == nullptr || b == nullptr) RaiseForeign();
     if (a == b) return 0;
     const TKdsComparer custom = fOnCompare;
     if (custom) {
@@ -268,10 +276,12 @@ void TKdsView::Search(TKdsRecord* record, TKdsOrderColumnList* columns, std::int
                       TKdsLocateOptions options, std::int32_t& index, bool& found) {
     index = options.Has(loNearest) ? 0 : -1;
     found = false;
-    if (record == nullptr || record->Table() != fTable) {
-        throw EInvalidArgument(u"The record does not belong to the view's table");
-    }
+    if (record == nullptr || record->Table() != fTable) RaiseForeign();
     if (Count() == 0) return;
+    if (columns != nullptr) {
+        for (const TKdsColumn* const column : *columns) record->CheckColumn(column);
+    }
+    TKdsBusyScope busy(fTable);  // values may compare themselves, or be calculated
     TCompareScope scope(this, columns != nullptr ? columns : fColumns.get(), count);
     TKdsCompareOptions compare;
     compare.Set(coNoCase, options.Has(loNoCase));

@@ -241,7 +241,9 @@ private:
     friend class TKdsTable;
     friend class TKdsViewList;
     friend class TKdsViewLink;
+    friend class TKdsKeyChange;
     class TCompareScope;
+    class TLinkWalk;
 
     enum class TOutcome : std::uint8_t { NotMember, Member, Unchanged, Removed };
     struct TPlace {
@@ -251,6 +253,8 @@ private:
     };
 
     void CheckGuards() const;
+    [[noreturn]] static void RaiseForeign();
+    void ReserveLink();
     template <typename F>
     void ChangeOption(TKdsViewLocking locked, F&& store);
     void ParseOrder(std::vector<TKdsColumn*>& madeNotNull);
@@ -263,9 +267,11 @@ private:
     void Locate(std::span<const TVariant> values, TKdsLocateOptions options, std::int32_t& index,
                 bool& found);
 
+    void GiveUp() noexcept;
     void HandleData(TNotification* notification);
     void HandleMeta(TNotification* notification);
     void HandleColumn(TNotification* notification, TKdsColumn* column);
+    [[nodiscard]] std::u16string OrderText() const;
     void Follow(TNotification* notification);
     [[nodiscard]] TPlace PlaceInserted(TKdsRecord* record);
     [[nodiscard]] TPlace PlaceUpdated(TKdsRecord* record);
@@ -280,10 +286,12 @@ private:
     std::u16string fFilter;
     std::intptr_t fInfo = 0;
     std::vector<TKdsViewLink*> fLinks;
+    TLinkWalk* fLinkWalks = nullptr;  // that are under way, innermost first
     std::unique_ptr<TKdsViewStorage> fStorage;
     TKdsViewRecords* fRecords = nullptr;  // the storage's
     std::int32_t fAlwaysCount = 0;
     std::u16string fOrderBy;
+    std::u16string fRenamedOrder;  // what it becomes when a column's new name stands
     TKdsViewLockings fLocking;
     TKdsViewOptions fOptions;
     TKdsViewReason fReason = vrCustom;
@@ -299,6 +307,7 @@ private:
     bool fDistinct = false;
     bool fAsleep = false;    // switched off by a change of its columns; its next use wakes it
     bool fEntering = false;  // being built on its way into the list
+    bool fEnds = false;
 };
 
 }  // namespace kds

@@ -21,11 +21,17 @@ void TKdsView::Handle(TNotification* notification) {
 // again by its next use.
 void TKdsView::HandleData(TNotification* notification) {
     TScopeGuard dismiss([&] {
-        fActual = false;
-        fStorage->Clear();
+        GiveUp();
+        RaiseEvent(evStatusChange, 0, fChangeCount, nullptr);
     });
     Follow(notification);
     dismiss.Dismiss();
+}
+
+void TKdsView::GiveUp() noexcept {
+    fActual = false;
+    fDistinct = false;
+    fStorage->Clear();
 }
 
 void TKdsView::Follow(TNotification* notification) {
@@ -154,28 +160,34 @@ void TKdsView::HandleMeta(TNotification* notification) {
 
 void TKdsView::HandleColumn(TNotification* notification, TKdsColumn* column) {
     const TKdsAction action = notification->Action;
+    const bool orders = fSorting == omOrder && fColumns->Contains(column);
+    // Spelled while the rename may still be refused: once it stands, nothing may fail.
+    if (action == acPrepareRename && orders) fRenamedOrder = OrderText();
     if (action != acConfirmInsert && action != acConfirmDelete && action != acConfirmRename &&
         action != acConfirmUpdate) {
         return;
     }
     RaiseEvent(evFieldsChange, 0, 0, nullptr);
-    if (action == acConfirmInsert || fSorting != omOrder || !fColumns->Contains(column)) return;
+    if (action == acConfirmInsert || !orders) return;
     // A unique view under construction makes its columns not null; that is no news to an order.
     if (fTable->fPreparing > 0) return;
-    if (action == acConfirmRename) {
-        std::u16string order;
-        for (std::int32_t i = 0; i < fColumns->Count(); ++i) {
-            TKdsSortOptions options;
-            options.Set(soNoCase, fColumns->Caseless(i));
-            options.Set(soDescending, fColumns->Descends(i));
-            if (i > 0) order += u',';
-            order += AppendSuffixes(fColumns->GetItem(i)->Name(), options);
-        }
-        fOrderBy.swap(order);
-    }
+    if (action == acConfirmRename) fOrderBy.swap(fRenamedOrder);
     if (action == acConfirmDelete) fColumns->DropColumn(column);
     fAsleep = fAsleep || fActive;
     SetActive(false);
+}
+
+// The canonical text of the parsed order, with the columns' names of now.
+std::u16string TKdsView::OrderText() const {
+    std::u16string order;
+    for (std::int32_t i = 0; i < fColumns->Count(); ++i) {
+        TKdsSortOptions options;
+        options.Set(soNoCase, fColumns->Caseless(i));
+        options.Set(soDescending, fColumns->Descends(i));
+        if (i > 0) order += u',';
+        order += AppendSuffixes(fColumns->GetItem(i)->Name(), options);
+    }
+    return order;
 }
 
 }  // namespace kds

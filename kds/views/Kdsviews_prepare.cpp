@@ -75,6 +75,7 @@ void TKdsView::ParseOrder(std::vector<TKdsColumn*>& madeNotNull) {
 }
 
 void TKdsView::SetNullability(const std::vector<TKdsColumn*>& columns, bool value) {
+    if (!value) fTable->ReserveEvents(2 * columns.size());  // there and back again
     ++fTable->fPreparing;
     TScopeGuard prepared([&] { --fTable->fPreparing; });
     TFirstError errors;
@@ -91,7 +92,7 @@ TKdsView* TKdsView::ReusableView(TKdsIndexMatch& match) {
     TKdsView* source = nullptr;
     try {
         source = fTable->GetDefaultView(0);
-    } catch (const Exception&) {
+    } catch (...) {
         return nullptr;  // it cannot be built; that is no reason not to build this one
     }
     if (source == nullptr || source == this || !source->fActual || source->fRebuilds)

@@ -30,8 +30,9 @@ TOwned<TDeque> MakeRing(std::int32_t head, std::int32_t count) {
 }
 
 std::vector<void*> Elements(const TDeque& ring) {
-    std::vector<void*> elements;
-    for (std::int32_t i = 0; i < ring.Count(); ++i) elements.push_back(ring.Get(i));
+    std::vector<void*> elements(static_cast<std::size_t>(ring.Count()));
+    for (std::int32_t i = 0; i < ring.Count(); ++i)
+        elements[static_cast<std::size_t>(i)] = ring.Get(i);
     return elements;
 }
 

@@ -60,15 +60,23 @@ TComparator AddressOrder() { return TComparator::Bind<&ByAddress>(); }
 // Remembers by brute force in which bucket every item was placed last.
 class TRecorder final : public ISkipListTracker {
 public:
+    explicit TRecorder(TUnrolledSkipList& list) : fList(list) { list.SetTracker(this); }
     void Placed(void* const* items, std::int32_t count, std::uint32_t bucketId,
-                std::int32_t) noexcept override {
-        for (std::int32_t i = 0; i < count; ++i) Ids[items[i]] = bucketId;
+                std::int32_t first) noexcept override {
+        const auto* const bucket = fList.BucketById(bucketId);
+        for (std::int32_t i = 0; i < count; ++i) {
+            Ids[items[i]] = bucketId;
+            EXPECT_EQ(TUnrolledSkipList::ItemAt(bucket, first + i), items[i]);
+        }
         Highest = std::max(Highest, bucketId);
     }
     void Cleared() noexcept override { Ids.clear(); }
 
     std::map<void*, std::uint32_t> Ids;
     std::uint32_t Highest = 0;
+
+private:
+    TUnrolledSkipList& fList;
 };
 
 // --- Buckets -----------------------------------------------------------------------------------
@@ -82,58 +90,41 @@ TEST(TUnrolledSkipListTest, StartsWithOneEmptyBucket) {
     EXPECT_EQ(list.begin(), list.end());
 }
 
-TEST(TUnrolledSkipListTest, AppendsToFullBuckets) {
-    const auto list = MakeList(1025);
+struct TSplitCase {
+    const char* Name;
+    std::int32_t Appended, InsertedInside, Position;
+    TCounts Counts;
+};
 
+class TSplitTest : public testing::TestWithParam<TSplitCase> {};
+
+TEST_P(TSplitTest, MakesRoomForTheItem) {
+    const auto& [name, appended, inside, position, counts] = GetParam();
+    const auto list = MakeList(appended);
+    for (std::int32_t i = 0; i < inside; ++i) list->Insert(500, Item(5000 + i));
+    TItems expected = Contents(*list);
+
+    list->Insert(position, Item(9999));
+
+    expected.insert(expected.begin() + position, Item(9999));
     EXPECT_EQ(list->Inconsistency(), nullptr);
-    EXPECT_EQ(BucketCounts(*list), (TCounts{1024, 1}));
-    EXPECT_EQ(Contents(*list), Numbered(1025));
+    EXPECT_EQ(BucketCounts(*list), counts);
+    EXPECT_EQ(Contents(*list), expected);
 }
 
-TEST(TUnrolledSkipListTest, PrependsToAFullFirstBucketByPushingItAlong) {
-    const auto list = MakeList(1030);
-
-    list->Insert(0, Item(5000));
-
-    EXPECT_EQ(list->Inconsistency(), nullptr);
-    EXPECT_EQ(BucketCounts(*list), (TCounts{1, 1024, 6}));
-    EXPECT_EQ(list->Get(0), Item(5000));
-    EXPECT_EQ(list->Get(1), Item(0));
-}
-
-TEST(TUnrolledSkipListTest, HalvesAFullInnerBucketBeforeInserting) {
-    struct TCase {
-        std::int32_t Position;
-        TCounts Counts;
-    };
-    for (const auto& [position, counts] : {TCase{100, {641, 640, 1}}, TCase{640, {640, 641, 1}},
-                                           TCase{639, {641, 640, 1}}, TCase{1279, {640, 641, 1}}}) {
-        const auto list = MakeList(1025);
-        for (std::int32_t i = 0; i < 256; ++i) list->Insert(500, Item(5000 + i));
-        ASSERT_EQ(BucketCounts(*list), (TCounts{1280, 1}));
-        TItems expected = Contents(*list);
-
-        list->Insert(position, Item(9));
-
-        expected.insert(expected.begin() + position, Item(9));
-        EXPECT_EQ(list->Inconsistency(), nullptr);
-        EXPECT_EQ(BucketCounts(*list), counts) << position;
-        EXPECT_EQ(Contents(*list), expected) << position;
-    }
-}
-
-// The bucket that is left to the new item may have taken more than the limit at the ends before.
-TEST(TUnrolledSkipListTest, SplitsAtTheEndsBeyondTheLimitThere) {
-    const auto list = MakeList(1024);
-    for (std::int32_t i = 0; i < 100; ++i) list->Insert(500, Item(5000 + i));
-    ASSERT_EQ(BucketCounts(*list), (TCounts{1124}));
-
-    list->Add(Item(1));
-    list->Insert(0, Item(2));
-
-    EXPECT_EQ(list->Inconsistency(), nullptr);
-    EXPECT_EQ(BucketCounts(*list), (TCounts{1, 1124, 1}));
-}
+INSTANTIATE_TEST_SUITE_P(
+    Places, TSplitTest,
+    testing::Values(TSplitCase{"BehindAFullBucket", 1024, 0, 1024, {1024, 1}},
+                    TSplitCase{"BeforeAFullBucket", 1030, 0, 0, {1, 1024, 6}},
+                    TSplitCase{"InAnInnerBucketThatMayGrow", 1025, 255, 100, {1280, 1}},
+                    TSplitCase{"InTheLowerHalf", 1025, 256, 100, {641, 640, 1}},
+                    TSplitCase{"AtTheEndOfTheLowerHalf", 1025, 256, 639, {641, 640, 1}},
+                    TSplitCase{"BetweenTheHalves", 1025, 256, 640, {640, 641, 1}},
+                    TSplitCase{"InTheUpperHalf", 1025, 256, 1279, {640, 641, 1}},
+                    // A bucket at an end may hold more than the limit there.
+                    TSplitCase{"BehindAGrownBucket", 1024, 100, 1124, {1124, 1}},
+                    TSplitCase{"BeforeAGrownBucket", 1024, 100, 0, {1, 1124}}),
+    [](const auto& tested) { return std::string(tested.param.Name); });
 
 TEST(TUnrolledSkipListTest, MergesNeighboursThatHoldFewBeforeTheRemoval) {
     for (const bool first : {true, false}) {
@@ -208,8 +199,7 @@ TEST(TUnrolledSkipListTest, AnswersNothingOutOfRangeAndRefusesChangesThere) {
 
 TEST(TUnrolledSkipListTest, IsRefilledAsAppendingWouldFillIt) {
     const auto list = MakeOwned<TUnrolledSkipList>();
-    TRecorder recorder;
-    list->SetTracker(&recorder);
+    TRecorder recorder(*list);
     for (const std::int32_t count : {3000, 0, 1, 1024, 9000, 1025, 2048, 5}) {
         const TItems items = Numbered(count);
         list->Assign(items.data(), count);
@@ -222,8 +212,15 @@ TEST(TUnrolledSkipListTest, IsRefilledAsAppendingWouldFillIt) {
             ASSERT_EQ(list->Get(i), Item(i));
             ASSERT_EQ(list->FindInBucket(recorder.Ids.at(Item(i)), Item(i)), i);
         }
+        EXPECT_TRUE(count > 0 || recorder.Ids.empty());
         list->Insert(count / 2, Item(9999));  // the refilled list is an ordinary one
+        list->Put(count / 2, Item(8888));
         EXPECT_EQ(list->Inconsistency(), nullptr) << count;
+        EXPECT_EQ(list->FindInBucket(recorder.Ids.at(Item(8888)), Item(8888)), count / 2);
+    }
+    EXPECT_EQ(list->FindInBucket(recorder.Highest + 100, Item(0)), -1);
+    for (std::uint32_t id = 0; id <= recorder.Highest; ++id) {  // some of them out of use
+        EXPECT_EQ(list->FindInBucket(id, Item(9999)), -1);
     }
     EXPECT_THROW(list->Assign(nullptr, -1), EListError);
 }
@@ -233,8 +230,7 @@ TEST(TUnrolledSkipListTest, ClearsToTheEmptyLayoutWithoutAllocating) {
     const auto list = MakeList(50'000);
     // The first bucket is the one that stays; best it has several levels.
     while (list->FirstBucket()->LevelCount == 1 && list->Count() > 20'000) list->Delete(0);
-    TRecorder recorder;
-    list->SetTracker(&recorder);
+    TRecorder recorder(*list);
     EXPECT_EQ(recorder.Ids.size(), static_cast<std::size_t>(list->Count()));
     const std::int64_t allocations = support::Allocations();
 
@@ -323,6 +319,12 @@ TEST(TUnrolledSkipListSearchTest, FindsTheFirstOfEqualItemsOrThePlaceForOne) {
     }
     EXPECT_EQ(list.IndexOf(Item(12)), 5000);
     EXPECT_EQ(list.IndexOf(Item(11)), -1);
+
+    // And runs that begin with a bucket.
+    list.Clear();
+    for (std::int32_t i = 0; i < 3072; ++i) list.Add(Item(i / 1024));
+    EXPECT_TRUE(list.Find(Item(1), index, AddressOrder()));
+    EXPECT_EQ(index, 1024);
 }
 
 TEST(TUnrolledSkipListSearchTest, LooksAtFewBucketsAndFewItemsOfOne) {
@@ -464,7 +466,6 @@ struct TWatched {
 class TSkipListModel {
 public:
     explicit TSkipListModel(std::uint32_t seed) : fRandom(seed) {
-        fList.SetTracker(&fRecorder);
         for (std::intptr_t i = 1; i <= 10'000; ++i) fModel.push_back(Item(-i));
         fList.Assign(fModel.data(), static_cast<std::int32_t>(fModel.size()));
     }
@@ -554,8 +555,8 @@ private:
     }
 
     std::mt19937 fRandom;
-    TRecorder fRecorder;
     TUnrolledSkipList fList;
+    TRecorder fRecorder{fList};
     TItems fModel;
     std::vector<TWatched> fEnumerators;
     std::size_t fMostBuckets = 0;

@@ -427,7 +427,8 @@ TEST_F(TActiveTest, AFailedPreparationLeavesItDismissedAndWanted) {
     fRecorder.Lines.clear();
 
     EXPECT_EQ(Refusal([&] { a->Refresh(); }), "cannot prepare");
-    EXPECT_EQ(fRecorder.Take(), (TLines{"dismiss a", "prepare a", "dismiss a"}));
+    EXPECT_EQ(fRecorder.Take(),
+              (TLines{"dismiss a", "prepare a", "dismiss a", "acStatusChanged a @0"}));
     EXPECT_FALSE(a->Actual());
     EXPECT_TRUE(a->Active());
 

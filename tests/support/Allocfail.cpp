@@ -8,10 +8,13 @@ namespace {
 
 constinit std::atomic<std::int64_t> allocations = 0;
 constinit std::atomic<std::int64_t> failing = 0;  // which of them fails, 0 for none
+constinit std::atomic<bool> allAfter = false;     // and those after it
 constinit std::atomic<bool> happened = false;
 
 void* Allocate(std::size_t size, std::size_t alignment) {
-    if (++allocations == failing.load()) {
+    const std::int64_t number = ++allocations;
+    const std::int64_t first = failing.load();
+    if (number == first || (allAfter && first != 0 && number > first)) {
         happened = true;
         throw std::bad_alloc();
     }
@@ -36,8 +39,9 @@ void* AllocateNoThrow(std::size_t size, std::size_t alignment) noexcept {
 
 namespace kds::support {
 
-TFailingAllocation::TFailingAllocation(std::int64_t nth) noexcept {
+TFailingAllocation::TFailingAllocation(std::int64_t nth, bool andAllAfter) noexcept {
     happened = false;
+    allAfter = andAllAfter;
     failing = allocations + nth;
 }
 

@@ -9,10 +9,11 @@
 
 namespace kds::support {
 
-// While it lives, the n-th allocation from now on raises std::bad_alloc, and only that one.
+// While it lives, the n-th allocation from now on raises std::bad_alloc, and only that one or, when
+// asked for, every later one too.
 class TFailingAllocation {
 public:
-    explicit TFailingAllocation(std::int64_t nth) noexcept;
+    explicit TFailingAllocation(std::int64_t nth, bool andAllAfter = false) noexcept;
     TFailingAllocation(const TFailingAllocation&) = delete;
     TFailingAllocation& operator=(const TFailingAllocation&) = delete;
     ~TFailingAllocation();
@@ -27,13 +28,13 @@ public:
 // std::bad_alloc came out. Ends with the run that needs fewer allocations than n; answers how many
 // it needs.
 template <typename P, typename A, typename C>
-std::int64_t FailEachAllocation(P&& prepare, A&& act, C&& check) {
+std::int64_t FailEachAllocation(P&& prepare, A&& act, C&& check, bool andAllAfter = false) {
     for (std::int64_t nth = 1;; ++nth) {
         auto state = prepare();
         bool raised = false;
         bool happened = false;
         {
-            const TFailingAllocation failure(nth);
+            const TFailingAllocation failure(nth, andAllAfter);
             try {
                 act(state);
             } catch (const std::bad_alloc&) {

@@ -146,9 +146,11 @@ TEST_P(TSortPatternTest, GivesTheSameForItemsSortedAsValues) {
     };
     std::mt19937 random(support::Seed());
     for (const std::int32_t count : {1, 31, 32, 600, 30'000}) {
-        std::vector<TValue> items;
-        for (std::int32_t i = 0; i < count; ++i) {
-            items.push_back({GetParam().Key(i, count, random), i});
+        std::vector<TValue> items(static_cast<std::size_t>(count));
+        std::int32_t place = 0;
+        for (TValue& item : items) {
+            item = {GetParam().Key(place, count, random), place};
+            ++place;
         }
         std::vector<TValue> expected = items;
         std::stable_sort(expected.begin(), expected.end(),
@@ -174,12 +176,12 @@ TEST_P(TSortPatternTest, TheSmallSortsAgreeOnPartsOfAnArray) {
         std::int32_t index = 0;
         for (std::int32_t& key : keys) key = GetParam().Key(index++, count, random);
         const TPointers unsorted = PointersTo(keys);
-        // The items outside L..R stay where they are.
-        const std::int32_t L = count / 5;
-        const std::int32_t R = count - 1 - count / 7;
+        // The items outside the range stay where they are.
+        const std::int32_t first = count / 5;
+        const std::int32_t last = count - 1 - count / 7;
         const auto expectedWith = [&](auto sort) {
             TPointers expected = unsorted;
-            sort(expected.begin() + L, expected.begin() + R + 1,
+            sort(expected.begin() + first, expected.begin() + last + 1,
                  [](const void* a, const void* b) { return Key(a) < Key(b); });
             return expected;
         };
@@ -187,25 +189,25 @@ TEST_P(TSortPatternTest, TheSmallSortsAgreeOnPartsOfAnArray) {
         TCounting counting;
 
         TPointers inserted = unsorted;
-        InsertSortList(inserted.data(), L, R, counting.Bound());
+        InsertSortList(inserted.data(), first, last, counting.Bound());
         EXPECT_EQ(inserted, expected);
-        EXPECT_TRUE(IsSortedList(inserted.data(), L, R, counting.Bound()));
+        EXPECT_TRUE(IsSortedList(inserted.data(), first, last, counting.Bound()));
 
         // From a sorted first third.
-        const std::int32_t start = L + (R - L) / 3;
+        const std::int32_t start = first + (last - first) / 3;
         TPointers searched = unsorted;
-        InsertSortList(searched.data(), L, start - 1, counting.Bound());
-        BinarySortList(searched.data(), L, R, start, counting.Bound());
+        InsertSortList(searched.data(), first, start - 1, counting.Bound());
+        BinarySortList(searched.data(), first, last, start, counting.Bound());
         EXPECT_EQ(searched, expected);
 
         TPointers merged = unsorted;
-        InsertSortList(merged.data(), L, start - 1, counting.Bound());
-        InsertSortList(merged.data(), start, R, counting.Bound());
-        MergeSortedLists(merged.data(), L, R, start, counting.Bound());
+        InsertSortList(merged.data(), first, start - 1, counting.Bound());
+        InsertSortList(merged.data(), start, last, counting.Bound());
+        MergeSortedLists(merged.data(), first, last, start, counting.Bound());
         EXPECT_EQ(merged, expected);
 
         TPointers quick = unsorted;
-        QuickSortList(quick.data(), L, R, counting.Bound());
+        QuickSortList(quick.data(), first, last, counting.Bound());
         EXPECT_TRUE(SameItems(quick, unsorted));
         for (std::size_t i = 0; i < quick.size(); ++i) EXPECT_EQ(Key(quick[i]), Key(expected[i]));
     }
@@ -426,8 +428,8 @@ TEST_P(TUnsoundComparisonTest, LeavesAPermutation) {
         TKeys keys(static_cast<std::size_t>(count));
         for (std::int32_t& key : keys) key = Below(random, 1000);
         const TPointers unsorted = PointersTo(keys);
-        const std::int32_t R = count - 1;
-        const auto try_ = [&](auto sort) {
+        const std::int32_t last = count - 1;
+        const auto attempt = [&](auto sort) {
             TPointers items = unsorted;
             try {
                 sort(items.data());
@@ -436,12 +438,12 @@ TEST_P(TUnsoundComparisonTest, LeavesAPermutation) {
             }
             ASSERT_TRUE(SameItems(items, unsorted)) << count << " items, seed " << support::Seed();
         };
-        try_([&](void** list) { MergeSortList(list, 0, R, compare, 0); });
+        attempt([&](void** list) { MergeSortList(list, 0, last, compare, 0); });
         if (count > 3000) continue;
-        try_([&](void** list) { InsertSortList(list, 0, R, compare); });
-        try_([&](void** list) { QuickSortList(list, 0, R, compare); });
-        try_([&](void** list) { BinarySortList(list, 0, R, 1, compare); });
-        try_([&](void** list) { MergeSortedLists(list, 0, R, count / 2, compare); });
+        attempt([&](void** list) { InsertSortList(list, 0, last, compare); });
+        attempt([&](void** list) { QuickSortList(list, 0, last, compare); });
+        attempt([&](void** list) { BinarySortList(list, 0, last, 1, compare); });
+        attempt([&](void** list) { MergeSortedLists(list, 0, last, count / 2, compare); });
     }
 }
 
@@ -546,7 +548,7 @@ TEST(TMergeSortErrorsTest, SurvivesEachAllocationThatFails) {
         std::int32_t refusals = 0;
         std::int32_t sortedAnyway = 0;
         const std::int64_t needed = support::FailEachAllocation(
-            [&] { return unsorted; },
+            [&] { return TPointers(unsorted); },
             [&](TPointers& items) { MergeAll(items, TCounting().Bound(), threads); },
             [&](const TPointers& items, bool raised) {
                 ++(raised ? refusals : sortedAnyway);
