@@ -34,6 +34,17 @@ public:
     [[nodiscard]] void* Get(std::int32_t index) const noexcept {
         return InRange(index) ? fList.get()[Slot(index)] : nullptr;
     }
+    // Starts to bring the element's slot near.
+    void Prefetch(std::int32_t index) const noexcept {
+        if (InRange(index)) __builtin_prefetch(&fList.get()[Slot(index)]);
+    }
+    // And the slots that Insert or Delete at this position will move.
+    void PrefetchShift(std::int32_t index) const noexcept {
+        constexpr std::int32_t line = 8;
+        const bool towardHead = index < fCount / 2;
+        const std::int32_t last = towardHead ? index : fCount;
+        for (std::int32_t i = towardHead ? 0 : index; i < last; i += line) Prefetch(i);
+    }
     void Put(std::int32_t index, void* value) noexcept {
         if (InRange(index)) fList.get()[Slot(index)] = value;
     }

@@ -78,20 +78,34 @@ std::int32_t TUnrolledSkipList::DrawLevel() noexcept {
     return 1 + std::min(std::countr_zero(NextRandom()) / 2, MaxLevels - 1);
 }
 
-PSkipListBucket TUnrolledSkipList::CreateBlock(std::int32_t levels) {
+std::size_t TUnrolledSkipList::BlockClass(std::int32_t levels) noexcept {
     const std::size_t size =
         sizeof(TSkipListBucket) + static_cast<std::size_t>(levels) * sizeof(TBucketLevel);
-    void* const block = ::operator new(size, BlockAlignment);
-    auto* const bucket = new (block) TSkipListBucket;
+    std::size_t at = 0;
+    while (BlockLines[at] * Line < size) ++at;
+    return at;
+}
+
+PSkipListBucket TUnrolledSkipList::CreateBlock(std::int32_t levels) {
+    static_assert(sizeof(TSkipListBucket) + MaxLevels * sizeof(TBucketLevel) <=
+                  BlockLines.back() * Line);
+    constexpr std::size_t firstBlocks = 4;
+    const std::size_t at = BlockClass(levels);
+    if (fBlocks[at] == nullptr) {
+        fBlocks[at].reset(TSlab::Create(BlockLines[at] * Line, Line, firstBlocks));
+    }
+    auto* const bucket = new (fBlocks[at]->Allocate()) TSkipListBucket;
     auto* const level = reinterpret_cast<TBucketLevel*>(bucket + 1);
     std::uninitialized_fill_n(level, levels, TBucketLevel{nullptr, 0});
-    bucket->LevelCount = levels;
+    bucket->LevelCount = static_cast<std::int16_t>(levels);
+    bucket->LevelRoom = bucket->LevelCount;
     return bucket;
 }
 
 void TUnrolledSkipList::DestroyBlock(PSkipListBucket bucket) noexcept {
+    const std::size_t at = BlockClass(bucket->LevelRoom);
     bucket->~TSkipListBucket();
-    ::operator delete(bucket, BlockAlignment);
+    fBlocks[at]->Free(bucket);
 }
 
 // An empty bucket outside the list, with an id that nobody else bears.

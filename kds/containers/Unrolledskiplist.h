@@ -38,6 +38,7 @@
 #include "kds/containers/Listenumerator.h"
 #include "kds/platform/Interface.h"
 #include "kds/platform/Object.h"
+#include "kds/util/Slab.h"
 #include "kds/util/Sortutils.h"
 
 namespace kds {
@@ -57,7 +58,8 @@ struct TBucketLevel {
 struct TSkipListBucket {
     TDeque List;
     PSkipListBucket Prev = nullptr;
-    std::int32_t LevelCount = 0;
+    std::int16_t LevelCount = 0;
+    std::int16_t LevelRoom = 0;  // levels that the block was made for
     std::uint32_t Id = 0;
 
     [[nodiscard]] TBucketLevel& Level(std::int32_t level) noexcept {
@@ -159,9 +161,15 @@ public:
     [[nodiscard]] static void* ItemAt(const TSkipListBucket* bucket, std::int32_t offset) noexcept {
         return bucket->List.Get(offset);
     }
+    static void PrefetchShift(const TSkipListBucket* bucket, std::int32_t offset) noexcept {
+        bucket->List.PrefetchShift(offset);
+    }
+    static void PrefetchItem(const TSkipListBucket* bucket, std::int32_t offset) noexcept {
+        bucket->List.Prefetch(offset);
+    }
     // The bucket that holds a position of 0 to Count - 1; O(1) when it is that of the last lookup.
     [[nodiscard]] TBucketPlace BucketAt(std::int32_t index) const noexcept;
-    // Position of the bucket's first item, O(log b).
+    // Position of the bucket's first item, O(log b); O(1) for the bucket of the last lookup.
     [[nodiscard]] std::int32_t BucketIndex(const TSkipListBucket* bucket) const noexcept;
     [[nodiscard]] PSkipListBucket BucketById(std::uint32_t bucketId) const noexcept;
     // The last bucket whose first item lies before what is sought, or the first bucket when none
@@ -183,7 +191,10 @@ private:
     friend class TSkipListEnumerator;
 
     static constexpr std::uint32_t TrailerWidth = 2147483647u;
-    static constexpr std::align_val_t BlockAlignment{64};
+    static constexpr std::size_t Line = 64;  // of the cache; blocks begin at one
+    // Blocks of one, of two and of more lines: those of a list lie together, so that walks over
+    // them meet few pages.
+    static constexpr std::array<std::size_t, 3> BlockLines{1, 2, 4};
 
     // The way down to a position: per level the last bucket at or before it, and the items before
     // that bucket.
@@ -214,13 +225,15 @@ private:
     [[nodiscard]] PSkipListBucket WalkTo(std::int32_t index, std::int32_t& offset) const noexcept;
     [[nodiscard]] PSkipListBucket Descend(std::int32_t index, TPath& path,
                                           std::int32_t& offset) const noexcept;
+    [[nodiscard]] std::int32_t StartOf(const TSkipListBucket* bucket) const noexcept;
     void Remember(PSkipListBucket bucket, std::int32_t start) const noexcept;
 
     void Initialize() noexcept;
     void Finalize() noexcept;
     [[nodiscard]] static std::int32_t DrawLevel() noexcept;
-    [[nodiscard]] static PSkipListBucket CreateBlock(std::int32_t levels);
-    static void DestroyBlock(PSkipListBucket bucket) noexcept;
+    [[nodiscard]] static std::size_t BlockClass(std::int32_t levels) noexcept;
+    [[nodiscard]] PSkipListBucket CreateBlock(std::int32_t levels);
+    void DestroyBlock(PSkipListBucket bucket) noexcept;
     [[nodiscard]] PSkipListBucket CreateBucket(std::int32_t levels);
     PSkipListBucket DestroyBucket(PSkipListBucket bucket) noexcept;
     [[nodiscard]] PSkipListBucket TakeSpareBucket();
@@ -248,6 +261,7 @@ private:
     void EachEnumerator(const F& routine) noexcept;
     void EndEnumerators() noexcept;
 
+    std::array<std::unique_ptr<TSlab, TSlabDeleter>, BlockLines.size()> fBlocks;
     std::int32_t fCount = 0;
     std::int32_t fLevel = 1;
     PSkipListBucket fHeader = nullptr;

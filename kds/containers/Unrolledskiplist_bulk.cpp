@@ -88,7 +88,7 @@ void TUnrolledSkipList::Refill(void* const* items, std::int32_t count,
         }
         bucket->Prev = fLast;
         fLast = bucket;
-        fLevel = std::max(fLevel, bucket->LevelCount);
+        fLevel = std::max<std::int32_t>(fLevel, bucket->LevelCount);
         fById[bucket->Id] = bucket;
         ++fBucketCount;
         index += part;
@@ -147,7 +147,16 @@ TBucketPlace TUnrolledSkipList::BucketAt(std::int32_t index) const noexcept {
 }
 
 std::int32_t TUnrolledSkipList::BucketIndex(const TSkipListBucket* bucket) const noexcept {
-    // The items from here to the end, by the widest links there are.
+    if (!CacheUsable()) return StartOf(bucket);
+    if (bucket != fCache) {
+        fCacheOffset = StartOf(bucket);
+        fCache = fById[bucket->Id];
+    }
+    return fCacheOffset;
+}
+
+// What is left of all items in front of it, by the widest links from here to the end.
+std::int32_t TUnrolledSkipList::StartOf(const TSkipListBucket* bucket) const noexcept {
     std::int64_t behind = 0;
     while (bucket != fTrailer) {
         const TBucketLevel& link = bucket->Level(bucket->LevelCount - 1);

@@ -14,7 +14,7 @@ const char* TUnrolledSkipList::Inconsistency() const noexcept {
     if (const char* const fault = LinkFault()) return fault;
     if (const char* const fault = IdFault()) return fault;
     if (fCache != nullptr &&
-        (BucketById(fCache->Id) != fCache || BucketIndex(fCache) != fCacheOffset)) {
+        (BucketById(fCache->Id) != fCache || StartOf(fCache) != fCacheOffset)) {
         return "the cached bucket does not start where the cache says";
     }
     for (std::int32_t i = 0; i < fEnums.Count(); ++i) {

@@ -1,5 +1,7 @@
 #include "kds/core/Kdsrecordlists.h"
 
+#include <algorithm>
+#include <cmath>
 #include <typeinfo>
 
 #include "kds/core/Kdserrors.h"
@@ -36,21 +38,36 @@ void TKdsTableRecordList::DoClear() { fItems.Clear(); }
 
 // ---- Searches -----------------------------------------------------------------------------
 
+// Identifiers ascend, each by one at least, which bounds the position from both ends. Where few
+// rows were deleted they are spread evenly, so that a guess by proportion soon hits; every other
+// probe halves what is left, wherever the guesses lead.
 std::int32_t TKdsTableRecordList::SearchRowID(std::uint32_t rowID) const {
-    const auto rowIdOf = [](void* item) { return static_cast<TKdsRecord*>(item)->RowID(); };
-    const TBucketPlace place =
-        fItems.LowerBucket([&](void* item) { return rowIdOf(item) <= rowID; });
-    std::int32_t low = 0;
-    std::int32_t high = TUnrolledSkipList::BucketCount(place.Bucket) - 1;
-    while (low <= high) {
-        const std::int32_t middle = (low + high) / 2;
-        const std::uint32_t found = rowIdOf(TUnrolledSkipList::ItemAt(place.Bucket, middle));
-        if (found == rowID) return place.Index + middle;
-        if (found < rowID) {
-            low = middle + 1;
-        } else {
-            high = middle - 1;
-        }
+    const auto idAt = [&](std::int64_t index) -> std::int64_t {
+        return static_cast<TKdsRecord*>(fItems.Get(static_cast<std::int32_t>(index)))->RowID();
+    };
+    if (fItems.Count() == 0) return -1;
+    const std::int64_t wanted = rowID;
+    std::int64_t low = 0;
+    std::int64_t high = fItems.Count() - 1;
+    std::int64_t lowID = idAt(low);
+    std::int64_t highID = idAt(high);
+    for (int guesses = 6; lowID <= wanted && wanted <= highID; --guesses) {
+        if (lowID == wanted) return static_cast<std::int32_t>(low);
+        if (highID == wanted) return static_cast<std::int32_t>(high);
+        const std::int64_t first = std::max(low + 1, high - (highID - wanted));
+        const std::int64_t last = std::min(high - 1, low + (wanted - lowID));
+        if (first > last) return -1;
+        const double share =
+            static_cast<double>(wanted - lowID) / static_cast<double>(highID - lowID);
+        const std::int64_t probe =
+            guesses > 0
+                ? std::clamp<std::int64_t>(
+                      low + std::llround(share * static_cast<double>(high - low)), first, last)
+                : (first + last) / 2;
+        const std::int64_t found = idAt(probe);
+        if (found == wanted) return static_cast<std::int32_t>(probe);
+        (found < wanted ? low : high) = probe;
+        (found < wanted ? lowID : highID) = found;
     }
     return -1;
 }
@@ -99,6 +116,7 @@ void TKdsTableRecordList::InsertItem(std::int32_t index, TKdsItem* item, TReleas
     TFirstError errors;
     {
         TKdsTravelScope travel(fTable);
+        fTable->ApproachPlaces(record, TKdsApproach::Entering);
         Notify(acPrepareInsert, record, index);
         fTable->ReservePlaces(record);
         DoInsert(index, record);
@@ -145,6 +163,7 @@ void TKdsTableRecordList::TakeOut(std::int32_t index, TOwned<TKdsRecord>* keeper
         auto* const record = static_cast<TKdsRecord*>(fItems.Get(index));
         fTable->ReserveEvents(1);
         if (bury) fTable->ReserveDead();
+        fTable->ApproachPlaces(record, TKdsApproach::Leaving);
         Notify(acPrepareDelete, record, index);
         DoDelete(index);
         errors.Run([&] { Notify(acConfirmDelete, record, index); });

@@ -175,6 +175,8 @@ void TKdsRecord::Post() {
     table->ReservePlaces(this);
     if (table->Columns()->Occurences().Has(coCalculated)) CalculateColumns(false);
     table->FindChanges(fBuffer.Original, fBuffer.Proposed);
+    table->ApproachPlaces(this, TKdsApproach::Moving);
+    table->fPosting = this;
     std::swap(fBuffer.Original, fBuffer.Proposed);
     Become(rsRegular);
     table->fModified = true;
@@ -186,6 +188,7 @@ void TKdsRecord::Post() {
     fOldState = rsRegular;
     table->FreeBuffer(this, std::exchange(fBuffer.Proposed, nullptr));
     BringHome();
+    table->fPosting = nullptr;
     // Links may delete the record: nothing of it is touched from here on.
     bracket.Close(errors);
     errors.Rethrow();

@@ -33,9 +33,9 @@
 
 #include "kds/core/Kdscolumns.h"
 #include "kds/core/Kdsdata.h"
-#include "kds/core/Kdsslab.h"
 #include "kds/fixed/Fixed.h"
 #include "kds/platform/Variant.h"
+#include "kds/util/Slab.h"
 
 namespace kds {
 
@@ -65,7 +65,7 @@ struct TKdsBuffer {
         std::byte* Original = nullptr;
         std::int64_t FileOffs;      // while swapped out
         std::int64_t DetachedSlot;  // while detached: its place in the table's list of such
-        TKdsSlab* Slab;             // without a table: where the record's memory belongs
+        TSlab* Slab;                // without a table: where the record's memory belongs
     };
     std::byte* Proposed = nullptr;
 };
@@ -204,8 +204,19 @@ public:
     // ---- For the library: the one internal read ----
     bool ReadValue(const TKdsColumn* column, TKdsReading reading, TKdsScratch& scratch,
                    TKdsValue& value);
-    // The buffer of a resident attached record: what its views hold.
-    [[nodiscard]] const std::byte* PostedBuffer() const noexcept { return fBuffer.Original; }
+    // The buffer of a resident row: what its views hold, also while they hear of its deletion.
+    [[nodiscard]] const std::byte* PostedBuffer() const noexcept {
+        return fRowState == rsDetached ? fBuffer.Proposed : fBuffer.Original;
+    }
+    // While the record is being posted: the values by which views that have not heard of it yet
+    // hold it. Otherwise the posted ones.
+    [[nodiscard]] const std::byte* PlacedBuffer() const noexcept {
+        return IsPosting() ? fBuffer.Proposed : PostedBuffer();
+    }
+    // PostedBuffer where TKdsTable::RowsAtHome says so, without a look at the record.
+    [[nodiscard]] const std::byte* HomeBuffer() const noexcept {
+        return reinterpret_cast<const std::byte*>(this + 1);
+    }
     // Starts to bring the record and its home buffer near; for loops over many rows.
     void Prefetch() const noexcept {
         __builtin_prefetch(&fBuffer);
@@ -228,11 +239,11 @@ private:
 
     explicit TKdsRecord(TKdsTable* table) noexcept;
     ~TKdsRecord() override = default;
-    static void* operator new(std::size_t, TKdsSlab& slab) { return slab.Allocate(); }
-    static void operator delete(void* block, TKdsSlab& slab) noexcept { slab.Free(block); }
+    static void* operator new(std::size_t, TSlab& slab) { return slab.Allocate(); }
+    static void operator delete(void* block, TSlab& slab) noexcept { slab.Free(block); }
     // A record whose life has ended has no table any more and names its slab instead.
     static void operator delete(TKdsRecord* record, std::destroying_delete_t) noexcept {
-        TKdsSlab* const slab = record->fBuffer.Slab;
+        TSlab* const slab = record->fBuffer.Slab;
         record->~TKdsRecord();
         slab->Free(record);
     }

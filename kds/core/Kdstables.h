@@ -49,6 +49,9 @@ enum class TKdsTableOption : std::uint8_t {
 using enum TKdsTableOption;
 using TKdsTableOptions = TSet<TKdsTableOption>;
 
+// What is about to happen to a row, seen from a view.
+enum class TKdsApproach : std::uint8_t { Leaving, Entering, Moving };
+
 enum class TKdsTableStatus : std::uint8_t { mtsRegular, mtsDestroy, mtsMassive, mtsUploads };
 using enum TKdsTableStatus;
 
@@ -197,6 +200,11 @@ public:
     void ForgetView(TKdsView* view) noexcept;
     void ForgetRecord(const TKdsRecord* record) noexcept;
     [[nodiscard]] const TKdsColumnMask& ChangedColumns() const noexcept { return fChanged; }
+    // Whether the posted values of every row but this one lie behind its record: only while a row
+    // is being posted its new values lie elsewhere.
+    [[nodiscard]] bool RowsAtHome(const TKdsRecord* but) const noexcept {
+        return KeepsHome() && (fPosting == nullptr || fPosting == but);
+    }
     // The primary view, brought up to date where that is possible now; nullptr when there is none
     // that can be asked.
     [[nodiscard]] TKdsView* UsablePrimaryView();
@@ -229,7 +237,7 @@ private:
 
     [[noreturn]] void RaiseBusy() const;
     // ---- Buffers ----
-    [[nodiscard]] TKdsSlab& Slab();
+    [[nodiscard]] TSlab& Slab();
     [[nodiscard]] bool KeepsHome() const noexcept { return !fOptions.Has(mtoStripNulls); }
     [[nodiscard]] std::byte* InitBuffer();
     void FreeBuffer(TKdsRecord* record, std::byte* buffer) noexcept;
@@ -257,6 +265,7 @@ private:
     void FindChanges(const std::byte* before, const std::byte* after);
     void CheckUniqueViews(TKdsRecord* record);
     void ReservePlaces(const TKdsRecord* record);
+    void ApproachPlaces(const TKdsRecord* record, TKdsApproach way);
     void FollowAutoIncrement(TKdsRecord* record);
     void CloseBracket(TFirstError& errors) noexcept;
     void DeliverEvents(TFirstError& errors) noexcept;
@@ -299,7 +308,7 @@ private:
     std::vector<TIntf<IKdsSexton>> fDeacons;
     std::vector<TIntf<IKdsSexton>> fSextons;
 
-    TKdsSlab* fSlab = nullptr;
+    TSlab* fSlab = nullptr;
     std::byte* fSpareBuffer = nullptr;
     std::vector<TKdsRecord*> fDetached;
     std::vector<TKdsRecord*> fDead;  // deleted in the open bracket, whole until it closes
@@ -314,6 +323,7 @@ private:
     std::int32_t fTelling = 0;        // walks over observers
     std::int32_t fQueuedOrigins = 0;  // events in the queue that name a row
     TKdsTableScope* fScopes = nullptr;
+    const TKdsRecord* fPosting = nullptr;  // whose new values views are hearing of
     bool fDelivers = false;
     bool fKeyFailed =
         false;  // the primary view could not be built; deleting or posting a row clears it

@@ -1,6 +1,8 @@
 // A table's keys: the primary view, the checks that rest on it, the default view and selections.
 #include "kds/core/Kdstables.h"
 
+#include <array>
+
 #include "kds/core/Kdserrors.h"
 #include "kds/views/Kdsviewlists.h"
 #include "kds/views/Kdsviews.h"
@@ -65,6 +67,27 @@ void TKdsTable::ReservePlaces(const TKdsRecord* record) {
     }
     fChanged.Reset(Layout().ColumnCount());
     ReserveEvents(1);
+}
+
+// Placing a row waits for memory far away, in every view anew. The views' ways there are gone side
+// by side instead, so that the waits overlap.
+void TKdsTable::ApproachPlaces(const TKdsRecord* record, TKdsApproach way) {
+    if (fViews == nullptr) return;
+    constexpr std::size_t most = 16;
+    std::array<TKdsViewStorage*, most> storages;
+    std::size_t count = 0;
+    for (TKdsView* const view : *fViews) {
+        if (!view->Actual() || view->fRebuilds) continue;
+        if (way == TKdsApproach::Moving && view->KeepsPlace()) continue;
+        if (count < most) storages[count++] = view->Storage();
+    }
+    for (std::int32_t step = 0; count > 0; ++step) {
+        std::size_t left = 0;
+        for (std::size_t i = 0; i < count; ++i) {
+            if (storages[i]->Approach(record, way, step)) storages[left++] = storages[i];
+        }
+        count = left;
+    }
 }
 
 void TKdsTable::FindChanges(const std::byte* before, const std::byte* after) {

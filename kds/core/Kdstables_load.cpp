@@ -12,11 +12,11 @@ namespace kds {
 
 // ---- Buffers ------------------------------------------------------------------------------
 
-TKdsSlab& TKdsTable::Slab() {
+TSlab& TKdsTable::Slab() {
     if (fSlab == nullptr) {
         const std::size_t home =
             KeepsHome() ? static_cast<std::size_t>(Layout().RecordSize()) : std::size_t{0};
-        fSlab = TKdsSlab::Create(sizeof(TKdsRecord) + home);
+        fSlab = TSlab::Create(sizeof(TKdsRecord) + home);
     }
     return *fSlab;
 }

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cmath>
+#include <cstring>
 
 #include "kds/core/Kdserrors.h"
 #include "kds/platform/Text.h"
@@ -258,6 +260,20 @@ std::int32_t ComparePart(const TKdsKeyPart& part, const std::byte* a, const std:
     return CompareData(part.Slot.Type, data1, data2, size1, size2, options);
 }
 
+// Bits of a value of this kind; 64 for what may be longer.
+int WidthOf(TKdsKeyKind kind) noexcept {
+    switch (kind) {
+        case kkByte:
+        case kkShort: return 8;
+        case kkSmall:
+        case kkWord: return 16;
+        case kkInteger:
+        case kkCardinal:
+        case kkTime: return 32;
+        default: return 64;
+    }
+}
+
 }  // namespace
 
 void TKdsOrderPlan::Compile(const TKdsOrderColumnList& columns, const TKdsLayout& layout) {
@@ -279,6 +295,13 @@ void TKdsOrderPlan::Compile(const TKdsOrderColumnList& columns, const TKdsLayout
     const TKdsKeyKind first = fParts.empty() ? kkSlow : fParts.front().Kind;
     fPrefixDecides = fParts.size() == 1 && first <= kkTime && first != kkFloat;
     fHasPrefix = fPlain && !fParts.empty() && first < kkOther;
+    fPrefixParts = 0;
+    for (int bits = 64; fHasPrefix && fPrefixParts < fParts.size() && bits > 8;) {
+        const TKdsKeyKind kind = fParts[fPrefixParts].Kind;
+        if (kind >= kkOther) break;
+        ++fPrefixParts;
+        bits -= WidthOf(kind) + 1;
+    }
     fLayoutVersion = layout.Version();
 }
 
@@ -315,36 +338,103 @@ std::uint64_t Ordinal(double value) noexcept {
 // character beyond it ends the prefix there: its bytes count as the largest.
 std::uint64_t Ordinal(std::string_view text, bool caseless) noexcept {
     std::uint64_t result = 0;
-    for (std::size_t i = 0; i < 8; ++i) {
-        auto byte = static_cast<unsigned char>(i < text.size() ? text[i] : '\0');
-        if (caseless && byte >= 0x80) return (result << 8 | 0xff) << (8 * (7 - i));
-        if (caseless && byte >= 'a' && byte <= 'z') byte = static_cast<unsigned char>(byte - 32);
-        result = result << 8 | byte;
+    if (!text.empty()) std::memcpy(&result, text.data(), std::min(text.size(), sizeof result));
+    if constexpr (std::endian::native == std::endian::little) result = __builtin_bswap64(result);
+    if (!caseless) return result;
+    // Eight characters at once; those of interest have no upper bit, so no sum runs over.
+    constexpr std::uint64_t ones = 0x0101'0101'0101'0101;
+    const std::uint64_t foreign = result & ones << 7;
+    const std::uint64_t plain = result & ~(ones << 7);
+    const std::uint64_t fromA = plain + ones * (0x80 - 'a');
+    const std::uint64_t pastZ = plain + ones * (0x80 - 'z' - 1);
+    result = plain - (((fromA & ~pastZ) >> 2) & ones << 5);
+    if (foreign == 0) return result;
+    const int from = std::countl_zero(foreign) / 8 * 8;
+    return (from == 0 ? 0 : result & ~std::uint64_t{0} << (64 - from)) | std::uint64_t{0xff}
+                                                                             << (56 - from);
+}
+
+// The order of 64 bits in fewer: sign, bit width, and as many of the bits behind the leading one as
+// there is room for, so that small numbers are told apart exactly.
+std::uint64_t Shortened(std::int64_t value, int bits) noexcept {
+    const std::uint64_t magnitude = static_cast<std::uint64_t>(value < 0 ? ~value : value);
+    const int width = static_cast<int>(std::bit_width(magnitude));
+    const int room = bits - 7;
+    std::uint64_t code = 0;
+    if (width > 1) {
+        code =
+            width - 1 <= room ? magnitude << (room - width + 1) : magnitude >> (width - 1 - room);
+        code &= (std::uint64_t{1} << room) - 1;
     }
-    return result;
+    code |= static_cast<std::uint64_t>(width) << room;
+    const std::uint64_t sign = std::uint64_t{1} << (bits - 1);
+    return value < 0 ? sign - 1 - code : sign | code;
+}
+
+// The value's place among all of its kind, in the upper `bits` of 64; the other bits are zero.
+std::uint64_t PlaceOf(const TKdsKeyPart& part, const std::byte* buffer, int bits) {
+    const std::byte* const data = buffer + part.Slot.Offset;
+    constexpr std::uint64_t high = std::uint64_t{1} << 63;
+    switch (part.Kind) {
+        case kkByte: return std::uint64_t{LoadRaw<std::uint8_t>(data)} << 56;
+        case kkWord: return std::uint64_t{LoadRaw<std::uint16_t>(data)} << 48;
+        case kkCardinal: return std::uint64_t{LoadRaw<std::uint32_t>(data)} << 32;
+        case kkShort:
+            return static_cast<std::uint64_t>(std::int64_t{LoadRaw<std::int8_t>(data)}) << 56 ^
+                   high;
+        case kkSmall:
+            return static_cast<std::uint64_t>(std::int64_t{LoadRaw<std::int16_t>(data)}) << 48 ^
+                   high;
+        case kkInteger:
+            return static_cast<std::uint64_t>(std::int64_t{LoadRaw<std::int32_t>(data)}) << 32 ^
+                   high;
+        case kkTime:
+            return static_cast<std::uint64_t>(std::int64_t{LoadRaw<std::int32_t>(data) / 1000})
+                       << 32 ^
+                   high;
+        case kkInt64:
+            if (bits < 64) return Shortened(LoadRaw<std::int64_t>(data), bits) << (64 - bits);
+            return Ordinal(LoadRaw<std::int64_t>(data));
+        case kkFloat: return Ordinal(LoadRaw<double>(data));
+        case kkText: return Ordinal(TextAt(part.Slot, buffer), part.Caseless);
+        default: return 0;
+    }
 }
 
 }  // namespace
 
+// The columns one behind the other, as many bits of each as there is room for. A column that is
+// there in full has a bit of its own for null, because what follows must not outweigh it; in the
+// last one null is the greatest number.
 std::uint64_t TKdsOrderPlan::Prefix(const std::byte* buffer) const {
-    const TKdsKeyPart& part = fParts.front();
-    if (!part.Slot.HasValue(buffer)) return ~std::uint64_t{0};
-    const std::byte* const data = buffer + part.Slot.Offset;
-    std::uint64_t ordinal = 0;
-    switch (part.Kind) {
-        case kkByte: ordinal = LoadRaw<std::uint8_t>(data); break;
-        case kkWord: ordinal = LoadRaw<std::uint16_t>(data); break;
-        case kkCardinal: ordinal = LoadRaw<std::uint32_t>(data); break;
-        case kkShort: ordinal = Ordinal(std::int64_t{LoadRaw<std::int8_t>(data)}); break;
-        case kkSmall: ordinal = Ordinal(std::int64_t{LoadRaw<std::int16_t>(data)}); break;
-        case kkInteger: ordinal = Ordinal(std::int64_t{LoadRaw<std::int32_t>(data)}); break;
-        case kkTime: ordinal = Ordinal(std::int64_t{LoadRaw<std::int32_t>(data) / 1000}); break;
-        case kkInt64: ordinal = Ordinal(LoadRaw<std::int64_t>(data)); break;
-        case kkFloat: ordinal = Ordinal(LoadRaw<double>(data)); break;
-        case kkText: ordinal = Ordinal(TextAt(part.Slot, buffer), part.Caseless); break;
-        default: return 0;
+    std::uint64_t result = 0;
+    int bits = 64;
+    for (std::size_t i = 0; i < fPrefixParts; ++i) {
+        const TKdsKeyPart& part = fParts[i];
+        const bool whole = i + 1 < fPrefixParts;
+        const int width = whole ? WidthOf(part.Kind) : bits;
+        const bool has = part.Slot.HasValue(buffer);
+        std::uint64_t place = ~std::uint64_t{0};
+        if (has) {
+            place = PlaceOf(part, buffer, width);
+            if (part.Descending) place = ~place;
+        }
+        if (whole) {
+            if (!has) result |= std::uint64_t{1} << (bits - 1);
+            --bits;
+        }
+        bits -= width;
+        result |= place >> (64 - width) << bits;
     }
-    return part.Descending ? ~ordinal : ordinal;
+    return result;
+}
+
+std::uint64_t TKdsOrderPlan::PrefixMask(std::int32_t count) const noexcept {
+    constexpr std::uint64_t all = ~std::uint64_t{0};
+    if (count < 0 || static_cast<std::size_t>(count) >= fPrefixParts) return all;
+    int bits = 64;
+    for (std::int32_t i = 0; i < count; ++i) bits -= WidthOf(Part(i).Kind) + 1;
+    return all << bits;
 }
 
 bool TKdsOrderPlan::SameBytes(const std::byte* a, const std::byte* b) const {

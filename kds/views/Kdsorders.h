@@ -84,11 +84,14 @@ public:
     // Of a plain plan: the first `count` columns of two buffers.
     [[nodiscard]] std::int32_t Compare(const std::byte* a, const std::byte* b, std::int32_t count,
                                        TKdsCompareOptions options) const;
-    // A number in the order of the first column's values, nulls last: where two differ, so do the
-    // rows. Equal numbers decide nothing unless PrefixDecides.
+    // A number in the order of the rows, made of as much of the first columns' values as it can
+    // hold, nulls last: where two numbers differ, so do the rows. Equal numbers decide nothing
+    // unless PrefixDecides.
     [[nodiscard]] std::uint64_t Prefix(const std::byte* buffer) const;
     [[nodiscard]] bool PrefixDecides() const noexcept { return fPrefixDecides; }
     [[nodiscard]] bool HasPrefix() const noexcept { return fHasPrefix; }
+    // The bits of it that the first `count` columns decide; -1: all columns.
+    [[nodiscard]] std::uint64_t PrefixMask(std::int32_t count) const noexcept;
     // Whether the values of the plan's columns are the same bytes in both buffers.
     [[nodiscard]] bool SameBytes(const std::byte* a, const std::byte* b) const;
 
@@ -99,6 +102,7 @@ private:
     bool fStable = true;
     bool fPrefixDecides = false;
     bool fHasPrefix = false;
+    std::size_t fPrefixParts = 0;
     std::uint32_t fLayoutVersion = 0;
 };
 

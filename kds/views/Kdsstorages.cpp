@@ -151,7 +151,7 @@ void TKdsViewStorageSkip::Clear() {
     fTracks = false;
     fRecords.fItems.Clear();
     fRows.Clear();
-    fDirectory.clear();
+    DropGuides();
     InvalidateCache();
 }
 
@@ -163,21 +163,51 @@ void TKdsViewStorageSkip::Insert(std::int32_t index, TKdsRecord* record) {
         Track();
         fRows.Reserve(record->RowID());
     }
-    fRecords.fItems.Insert(index, record);
+    PutIn(index, record);
     InvalidateCache();
 }
 
 void TKdsViewStorageSkip::Delete(std::int32_t index) {
-    TKdsRecord* const record = RecordOf(fRecords.fItems.Delete(index));
-    fRows.Remove(record->RowID());
+    fRows.Remove(TakeOut(index)->RowID());
     InvalidateCache();
 }
 
 void TKdsViewStorageSkip::Switch(std::int32_t from, std::int32_t to) {
     fRecords.fItems.Reserve();
-    void* const record = fRecords.fItems.Delete(from);
-    fRecords.fItems.Insert(to, record);
+    PutIn(to, TakeOut(from));
     InvalidateCache();
+}
+
+// The samples of the row's bucket follow.
+void TKdsViewStorageSkip::PutIn(std::int32_t index, TKdsRecord* record) {
+    TUnrolledSkipList& items = fRecords.fItems;
+    items.Insert(index, record);
+    if (fSamples.empty()) return;
+    const TBucketPlace place = items.BucketAt(index);
+    TKdsBucketSamples* const samples = SamplesOf(place.Bucket->Id);
+    if (samples == nullptr) return;
+    const std::int32_t rows = TUnrolledSkipList::BucketCount(place.Bucket);
+    if (rows == 1) {
+        fSamples[place.Bucket->Id].reset();  // of a bucket that bore this id before
+    } else {
+        samples->Inserted(index - place.Index, PrefixOf(record), rows);
+    }
+}
+
+std::uint64_t TKdsViewStorageSkip::PrefixOf(const TKdsRecord* record) const {
+    return fOwner->GetSortMode() == omRowID ? record->RowID()
+                                            : fOwner->Plan().Prefix(record->PostedBuffer());
+}
+
+TKdsRecord* TKdsViewStorageSkip::TakeOut(std::int32_t index) {
+    TUnrolledSkipList& items = fRecords.fItems;
+    if (!fSamples.empty()) {
+        const TBucketPlace place = items.BucketAt(index);
+        if (TKdsBucketSamples* const samples = SamplesOf(place.Bucket->Id)) {
+            samples->Removed(index - place.Index);
+        }
+    }
+    return RecordOf(items.Delete(index));
 }
 
 void TKdsViewStorageSkip::Reserve(std::uint32_t rowID) {
@@ -190,11 +220,15 @@ void TKdsViewStorageSkip::Reserve(std::uint32_t rowID) {
 
 void TKdsViewStorageSkip::Placed(void* const* items, std::int32_t count, std::uint32_t bucket,
                                  std::int32_t first) noexcept {
+    constexpr std::int32_t ahead = 12;
     for (std::int32_t i = 0; i < count; ++i) {
+        if (i + ahead < count) RecordOf(items[i + ahead])->Prefetch();
         fRows.Put(RecordOf(items[i])->RowID(), TKdsRowMap::Entry(bucket, first + i));
     }
     // More than the one row of an insertion: buckets were divided or joined.
-    if (count > 1) ++fStale;
+    if (count == 1) return;
+    ++fStale;
+    if (bucket < fSamples.size()) fSamples[bucket].reset();
 }
 
 void TKdsViewStorageSkip::Cleared() noexcept { fRows.Clear(); }
@@ -223,244 +257,34 @@ std::int32_t TKdsViewStorageSkip::Find(TKdsRecord* record) {
     });
 }
 
-// Outwards from where the row was placed; few changes of a bucket move a row far.
+// Outwards from where the row was placed, and from where its key says that it should be: changes of
+// the bucket move a row far from the first, but not from the second.
 std::int32_t TKdsViewStorageSkip::OffsetIn(const TSkipListBucket* bucket, std::int32_t guess,
-                                           const TKdsRecord* record) const noexcept {
-    constexpr std::int32_t reach = 24;
-    for (std::int32_t distance = 0; distance < reach; ++distance) {
-        if (TUnrolledSkipList::ItemAt(bucket, guess + distance) == record) return guess + distance;
-        if (TUnrolledSkipList::ItemAt(bucket, guess - distance) == record) return guess - distance;
-    }
-    return bucket->List.IndexOf(record);
-}
-
-// ---- Search -------------------------------------------------------------------------------
-
-// Whether the rows are in order by what is compared, and the result depends on nothing else: then
-// buckets are searched by their first rows. Everything else goes probe by probe.
-bool TKdsViewStorageSkip::CanSearchByOrder(TKdsLocateOptions locate,
-                                           TKdsCompareOptions compare) const {
-    if (fOwner->OnCompare()) return false;
-    const bool total = compare.Has(coUseRowID);
-    if (fOwner->GetSortMode() == omRowID) return true;
-    if (fOwner->CompareColumns() != fOwner->Columns()) return false;
-    const TKdsOrderPlan& plan = fOwner->Plan();
-    if (!plan.IsPlain()) return false;
-    const bool whole = fOwner->CompareCount() < 0 || fOwner->CompareCount() >= plan.Count();
-    const std::int32_t count = whole ? plan.Count() : fOwner->CompareCount();
-    if (compare.Has(coNoCase) || (compare.Has(coPartial) && count != 1)) return false;
-    if (total && (!whole || compare.Has(coPartial))) return false;
-    // Several equal rows: which one is met first depends on the probes, unless an end is asked for.
-    return locate.Has(loNearest) || total ||
-           (whole && !compare.Has(coPartial) && fOwner->IsDistinct());
-}
-
-void TKdsViewStorageSkip::Search(TKdsRecord* key, TKdsLocateOptions locate,
-                                 TKdsCompareOptions compare, std::int32_t& index, bool& found) {
-    // A row that is being edited equals itself where it stood: only the probes tell whether they
-    // meet it there.
-    const bool misplaced = key->RowState() == rsEditing && !locate.Has(loNoKeyRow);
-    if (misplaced || !CanSearchByOrder(locate, compare)) {
-        LiteralSearch(key, locate, compare, index, found);
-        return;
-    }
-    const std::uint32_t rowID = key->RowID();
-    const auto byRowID = [rowID](TKdsRecord* item) {
-        return (item->RowID() > rowID) - (item->RowID() < rowID);
-    };
-    if (fOwner->GetSortMode() == omRowID) {
-        SearchByOrder(key, locate, {true, rowID, nullptr}, byRowID, index, found);
-        return;
-    }
-    const TKdsOrderPlan& plan = fOwner->Plan();
-    const std::byte* const values = key->KeyBuffer();
-    const std::int32_t count = fOwner->CompareCount() < 0 ? plan.Count() : fOwner->CompareCount();
-    TGuide guide;
-    if (plan.HasPrefix() && count > 0 && !compare.Has(coPartial)) {
-        guide = {true, plan.Prefix(values), &plan};
-    }
-    SearchByOrder(
-        key, locate, guide,
-        [&](TKdsRecord* item) {
-            if (item == key) return 0;
-            if (guide.Usable) {
-                const std::uint64_t prefix = plan.Prefix(item->PostedBuffer());
-                if (prefix != guide.Key) return prefix < guide.Key ? -1 : 1;
+                                           const TKdsRecord* record) {
+    constexpr std::int32_t reach = 12;
+    const auto around = [&](std::int32_t middle) -> std::int32_t {
+        for (std::int32_t distance = 0; distance < reach; ++distance) {
+            for (const std::int32_t offset : {middle + distance, middle - distance}) {
+                if (TUnrolledSkipList::ItemAt(bucket, offset) == record) return offset;
             }
-            const std::int32_t order = plan.Compare(item->PostedBuffer(), values, count, compare);
-            return order != 0 || !compare.Has(coUseRowID) ? order : byRowID(item);
-        },
-        index, found);
-}
-
-template <typename F>
-void TKdsViewStorageSkip::SearchByOrder(TKdsRecord* key, TKdsLocateOptions locate,
-                                        const TGuide& guide, F&& compare, std::int32_t& index,
-                                        bool& found) {
-    TUnrolledSkipList& items = fRecords.fItems;
-    TKdsRecord* const skipped = locate.Has(loNoKeyRow) ? key : nullptr;
-    const auto at = [&](std::int32_t place) { return RecordOf(items.Get(place)); };
-    const bool nearest = locate.Has(loNearest);
-    if (nearest && locate.Has(loLastRow)) {
-        std::int32_t place =
-            Boundary([&](TKdsRecord* item) { return compare(item) <= 0; }, skipped, guide);
-        std::int32_t last = place - 1;
-        if (last >= 0 && skipped != nullptr && at(last) == skipped) --last;
-        found = last >= 0 && compare(at(last)) == 0;
-        if (!found && skipped != nullptr && at(place) == skipped) ++place;
-        index = found ? last : place;
-        fSearchHint = index;
-        return;
-    }
-    std::int32_t place =
-        Boundary([&](TKdsRecord* item) { return compare(item) < 0; }, skipped, guide);
-    if (skipped != nullptr && at(place) == skipped) ++place;
-    TKdsRecord* const item = at(place);
-    found = item != nullptr && compare(item) == 0;
-    fSearchHint = place;
-    if (found || nearest) index = place;
-}
-
-// The position of the first row of which `before` does not hold. The row to be skipped counts as
-// the one behind it does, so that its own, perhaps outdated, place misleads nobody.
-template <typename F>
-std::int32_t TKdsViewStorageSkip::Boundary(F&& before, TKdsRecord* skipped, const TGuide& guide) {
-    TUnrolledSkipList& items = fRecords.fItems;
-    const auto holds = [&](TKdsRecord* item) {
-        if (item != skipped) return before(item);
-        TKdsRecord* const next = RecordOf(items.Get(Find(skipped) + 1));
-        return next != nullptr && before(next);
+        }
+        return -1;
     };
-    std::uint64_t low = 0;
-    std::uint64_t high = ~std::uint64_t{0};
-    PSkipListBucket bucket = nullptr;
-    if (fSearchHint >= items.Count() - 1) {
-        // At the end, where ascending rows go.
-        bucket = items.LastBucket();
-        if (holds(RecordOf(bucket->List.Last()))) return items.Count();
-        if (!holds(RecordOf(bucket->List.First()))) bucket = nullptr;
+    std::int32_t offset = around(guess);
+    if (offset < 0) {
+        const std::int32_t likely = LikelyOffset(bucket, record);
+        if (likely >= 0) offset = around(likely);
     }
-    if (bucket == nullptr && guide.Usable) bucket = LikelyBucket(guide, holds, low, high);
-    for (int moves = 0; bucket != nullptr && moves < 4; ++moves) {
-        const std::int32_t offset = BoundaryIn(bucket, holds, guide, low, high);
-        if (offset == 0) {
-            const PSkipListBucket previous = items.PrevBucket(bucket);
-            if (previous == nullptr || holds(RecordOf(previous->List.Last()))) {
-                return items.BucketIndex(bucket);
-            }
-            bucket = previous;
-        } else if (offset == TUnrolledSkipList::BucketCount(bucket)) {
-            const PSkipListBucket next = items.NextBucket(bucket);
-            if (next == nullptr || !holds(RecordOf(next->List.First()))) {
-                return items.BucketIndex(bucket) + offset;
-            }
-            bucket = next;
-        } else {
-            return items.BucketIndex(bucket) + offset;
-        }
-    }
-    // The directory led astray; a few times more and it is written anew.
-    if (guide.Usable) fStale += static_cast<std::int32_t>(fDirectory.size()) / 128 + 1;
-    const TBucketPlace place = items.LowerBucket([&](void* item) { return holds(RecordOf(item)); });
-    return place.Index + BoundaryIn(place.Bucket, holds, TGuide{}, 0, 0);
+    return offset >= 0 ? offset : bucket->List.IndexOf(record);
 }
 
-// Bisection. With a guide the first probe goes where the prefixes say, as rows are mostly spread
-// evenly between the ends of a bucket, and the boundary is bracketed from there; the rows of the
-// bracket are fetched together, for it is waiting for them one by one that takes the time.
-template <typename F>
-std::int32_t TKdsViewStorageSkip::BoundaryIn(const TSkipListBucket* bucket, F&& holds,
-                                             const TGuide& guide, std::uint64_t low,
-                                             std::uint64_t high) {
-    constexpr std::int32_t bracket = 16;
-    const auto at = [&](std::int32_t offset) {
-        return RecordOf(TUnrolledSkipList::ItemAt(bucket, offset));
-    };
-    std::int32_t first = 0;
-    std::int32_t last = TUnrolledSkipList::BucketCount(bucket);
-    if (guide.Usable && low < guide.Key && guide.Key < high && last > 2 * bracket) {
-        const double share = static_cast<double>(guide.Key - low) / static_cast<double>(high - low);
-        std::int32_t probe = std::min(static_cast<std::int32_t>(share * last), last - 1);
-        const bool upwards = holds(at(probe));
-        for (std::int32_t step = bracket; first < last; step *= 2) {
-            (upwards ? first : last) = upwards ? probe + 1 : probe;
-            const std::int32_t next = upwards ? probe + step : probe - step;
-            const std::int32_t from = std::max(std::min(probe, next), first);
-            const std::int32_t to = std::min(std::max(probe, next), last);
-            for (std::int32_t i = from; i < to && step == bracket; ++i) at(i)->Prefetch();
-            if (next < first || next >= last) break;
-            probe = next;
-            if (holds(at(probe)) == upwards) continue;
-            (upwards ? last : first) = upwards ? probe : probe + 1;
-            break;
-        }
-    }
-    if (last - first <= bracket) {
-        for (std::int32_t i = first; i < last; ++i) at(i)->Prefetch();
-    }
-    while (first < last) {
-        const std::int32_t middle = (first + last) / 2;
-        if (last - first > bracket) {
-            // Both rows that may be asked next come while this one is waited for.
-            at((first + middle) / 2)->Prefetch();
-            at((middle + last) / 2)->Prefetch();
-        }
-        if (holds(at(middle))) {
-            first = middle + 1;
-        } else {
-            last = middle;
-        }
-    }
-    return first;
-}
-
-// By the directory, which may be outdated: the caller checks what it finds there. Where many
-// buckets begin with the same prefix, their first rows are asked.
-template <typename F>
-PSkipListBucket TKdsViewStorageSkip::LikelyBucket(const TGuide& guide, F&& holds,
-                                                  std::uint64_t& low, std::uint64_t& high) {
-    constexpr std::int32_t worthwhile = 1024;
-    const TUnrolledSkipList& items = fRecords.fItems;
-    if (items.Count() < worthwhile) return nullptr;
-    if (fDirectory.empty() || fStale > static_cast<std::int32_t>(fDirectory.size()) / 8 + 4) {
-        MakeDirectory(guide);
-        if (fDirectory.empty()) return nullptr;
-    }
-    const auto [equal, next] =
-        std::ranges::equal_range(fDirectory, guide.Key, {}, &TSeparator::Prefix);
-    auto first = equal == fDirectory.begin() ? equal : equal - 1;
-    auto last = next;  // behind the last bucket that may be the one
-    while (last - first > 1) {
-        const auto middle = first + (last - first) / 2;
-        const PSkipListBucket bucket = items.BucketById(middle->Bucket);
-        if (bucket == nullptr) return nullptr;
-        if (holds(RecordOf(bucket->List.First()))) {
-            first = middle;
-        } else {
-            last = middle;
-        }
-    }
-    if (first->Prefix < guide.Key) low = first->Prefix;
-    if (last != fDirectory.end()) high = last->Prefix;
-    return items.BucketById(first->Bucket);
-}
-
-// Without memory for it there is none, and a search finds its way by the buckets themselves.
-void TKdsViewStorageSkip::MakeDirectory(const TGuide& guide) {
-    const TUnrolledSkipList& items = fRecords.fItems;
-    fDirectory.clear();
-    fStale = 0;
-    try {
-        for (PSkipListBucket bucket = items.FirstBucket(); bucket != nullptr;
-             bucket = items.NextBucket(bucket)) {
-            fDirectory.push_back({guide.Of(RecordOf(bucket->List.First())), bucket->Id});
-        }
-    } catch (const std::bad_alloc&) {
-        fDirectory.clear();
-        return;
-    }
-    // A row that is out of place at the moment must not make the search in here go astray.
-    std::ranges::sort(fDirectory, {}, &TSeparator::Prefix);
+// By the samples of its bucket; -1 when the order has none.
+std::int32_t TKdsViewStorageSkip::LikelyOffset(const TSkipListBucket* bucket,
+                                               const TKdsRecord* record) {
+    const TKdsGuide guide = GuideTo(record, record->PlacedBuffer(), -1);
+    if (!guide.Usable()) return -1;
+    const TKdsWindow window = WindowIn(bucket, guide);
+    return window.Likely >= 0 ? window.Likely : (window.First + window.Last) / 2;
 }
 
 // ---- Sort ---------------------------------------------------------------------------------
@@ -491,7 +315,7 @@ struct TPrefixed {
 
 void TKdsViewStorageSkip::Sort(TKdsCompareOptions compare, bool) {
     const bool isVolatile = IsVolatile(*fOwner);
-    fDirectory.clear();
+    DropGuides();
     TSortSwitch guard(isVolatile);
     InvalidateCache();
     const TKdsOrderColumnList* const columns = fOwner->Columns();

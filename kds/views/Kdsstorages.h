@@ -16,11 +16,12 @@
 #pragma once
 
 #include <memory>
+#include <ranges>
 #include <vector>
 
 #include "kds/containers/Smartlist.h"
 #include "kds/core/Kdstables.h"
-#include "kds/views/Kdsorders.h"
+#include "kds/views/Kdsguides.h"
 
 namespace kds {
 
@@ -72,6 +73,10 @@ public:
     virtual void Prepared() {}
     // Sees to it that placing the row with this identifier needs no memory.
     virtual void Reserve(std::uint32_t) {}
+    // Brings near what placing the row will read, a step each call, beginning with step 0; answers
+    // whether there is another step. A step waits for what the one before has brought, so a table
+    // goes through the first steps of all its views, then the second ones. Changes nothing.
+    virtual bool Approach(const TKdsRecord*, TKdsApproach, std::int32_t) { return false; }
     [[nodiscard]] virtual bool IsConsistent() { return true; }
 
     void InvalidateCache() noexcept { CacheValid = false; }
@@ -119,6 +124,13 @@ public:
         if (page >= fPages.size() || fPages[page] == nullptr) return None;
         return fPages[page]->Entries[rowID % PageSize];
     }
+    // Brings the row's entry near; false when there is none.
+    bool Prefetch(std::uint32_t rowID) const noexcept {
+        const std::size_t page = rowID / PageSize;
+        if (page >= fPages.size() || fPages[page] == nullptr) return false;
+        __builtin_prefetch(&fPages[page]->Entries[rowID % PageSize]);
+        return true;
+    }
     void Clear() noexcept { fPages.clear(); }
 
 private:
@@ -157,44 +169,60 @@ public:
     void Sort(TKdsCompareOptions compare, bool force) override;
     void Prepared() override;
     void Reserve(std::uint32_t rowID) override;
+    bool Approach(const TKdsRecord* record, TKdsApproach way, std::int32_t step) override;
     [[nodiscard]] bool IsConsistent() override;
 
 private:
-    // A key that is sought: its prefix, and the prefix of any row. Without a guide only the
-    // predicate is asked.
-    struct TGuide {
-        bool Usable = false;
-        std::uint64_t Key = 0;
-        const TKdsOrderPlan* Plan = nullptr;  // nullptr: rows go by their identifiers
-        [[nodiscard]] std::uint64_t Of(const TKdsRecord* record) const {
-            return Plan != nullptr ? Plan->Prefix(record->PostedBuffer()) : record->RowID();
-        }
-    };
     struct TSeparator {
         std::uint64_t Prefix;
         std::uint32_t Bucket;
+    };
+    using TDirectory = std::vector<TSeparator>;
+
+    // A place that was found beforehand; good when the rows there confirm it.
+    struct TForecast {
+        TKdsGuide Guide;
+        std::uint32_t Bucket = 0;
+        TKdsWindow Window;
+        bool Known = false;
     };
 
     void Placed(void* const* items, std::int32_t count, std::uint32_t bucket,
                 std::int32_t first) noexcept override;
     void Cleared() noexcept override;
     void Track();
+    void PutIn(std::int32_t index, TKdsRecord* record);
+    TKdsRecord* TakeOut(std::int32_t index);
+    [[nodiscard]] std::uint64_t PrefixOf(const TKdsRecord* record) const;
     [[nodiscard]] std::int32_t OffsetIn(const TSkipListBucket* bucket, std::int32_t guess,
-                                        const TKdsRecord* record) const noexcept;
+                                        const TKdsRecord* record);
+    [[nodiscard]] std::int32_t LikelyOffset(const TSkipListBucket* bucket,
+                                            const TKdsRecord* record);
     [[nodiscard]] bool CanSearchByOrder(TKdsLocateOptions locate, TKdsCompareOptions compare) const;
+    [[nodiscard]] TKdsGuide GuideTo(const TKdsRecord* key, const std::byte* values,
+                                    std::int32_t count) const;
     template <typename F>
-    void SearchByOrder(TKdsRecord* key, TKdsLocateOptions locate, const TGuide& guide, F&& compare,
-                       std::int32_t& index, bool& found);
+    void SearchByOrder(TKdsRecord* key, TKdsLocateOptions locate, const TKdsGuide& guide,
+                       F&& compare, std::int32_t& index, bool& found);
     template <typename F>
-    [[nodiscard]] std::int32_t Boundary(F&& before, TKdsRecord* skipped, const TGuide& guide);
+    [[nodiscard]] std::int32_t Boundary(F&& before, TKdsRecord* skipped, const TKdsGuide& guide);
     template <typename F>
     [[nodiscard]] std::int32_t BoundaryIn(const TSkipListBucket* bucket, F&& holds,
-                                          const TGuide& guide, std::uint64_t low,
-                                          std::uint64_t high);
+                                          const TKdsGuide& guide, TKdsWindow window) const;
     template <typename F>
-    [[nodiscard]] PSkipListBucket LikelyBucket(const TGuide& guide, F&& holds, std::uint64_t& low,
-                                               std::uint64_t& high);
-    void MakeDirectory(const TGuide& guide);
+    [[nodiscard]] PSkipListBucket LikelyBucket(const TKdsGuide& guide, F&& holds);
+    [[nodiscard]] std::ranges::subrange<TDirectory::const_iterator> EqualBuckets(
+        const TKdsGuide& guide) const;
+    [[nodiscard]] TKdsWindow WindowIn(const TSkipListBucket* bucket, const TKdsGuide& guide);
+    [[nodiscard]] bool UpdateDirectory(const TKdsGuide& guide);
+    void MakeDirectory(const TKdsGuide& guide);
+    [[nodiscard]] TKdsBucketSamples* SamplesOf(std::uint32_t bucket) const noexcept;
+    [[nodiscard]] TKdsBucketSamples* MakeSamples(const TSkipListBucket* bucket,
+                                                 const TKdsGuide& guide) noexcept;
+    void DropGuides() noexcept;
+    bool ApproachPresent(const TKdsRecord* record, std::int32_t step);
+    bool ApproachNext(const TKdsRecord* record, std::int32_t step);
+    bool Forecast(const TKdsRecord* record);
     void SortByPrefix(const TKdsOrderPlan& plan);
 
     TKdsViewRecordSkip fRecords;
@@ -202,8 +230,10 @@ private:
     bool fTracks = false;
     // Where each bucket began when this was last written: a hint, so that a search looks into the
     // right bucket at once. What it says is always checked against the rows.
-    std::vector<TSeparator> fDirectory;
+    TDirectory fDirectory;
     std::int32_t fStale = 0;  // buckets that were filled, split or merged since
+    std::vector<std::unique_ptr<TKdsBucketSamples>> fSamples;  // by bucket id; hints as well
+    TForecast fForecast;
 };
 
 class IKdsStorageFactory : public IInterface {

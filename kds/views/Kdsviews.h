@@ -277,7 +277,7 @@ private:
     [[nodiscard]] TPlace PlaceUpdated(TKdsRecord* record);
     [[nodiscard]] TPlace PlaceDeleted(TKdsRecord* record);
     [[nodiscard]] std::int32_t SearchPlace(TKdsRecord* record);
-    [[nodiscard]] bool KeepsPlace(TKdsRecord* record) const;
+    [[nodiscard]] bool KeepsPlace() const;
 
     TOwned<TKdsOrderColumnList> fColumns;
     std::int32_t fChangeCount = 0;

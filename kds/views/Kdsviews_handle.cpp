@@ -97,7 +97,7 @@ TKdsView::TPlace TKdsView::PlaceInserted(TKdsRecord* record) {
 
 TKdsView::TPlace TKdsView::PlaceUpdated(TKdsRecord* record) {
     TPlace place;
-    const bool keeps = KeepsPlace(record);
+    const bool keeps = KeepsPlace();
     if (keeps && !fOnAccept && fLinks.empty() && fTable->Status() == mtsRegular) return place;
     place.Old = fStorage->Find(record);
     if (fOnAccept && !Accept(record)) {
@@ -134,7 +134,7 @@ TKdsView::TPlace TKdsView::PlaceDeleted(TKdsRecord* record) {
 
 // Whether the post has left the row where it was: row identifiers never change, nor does the order
 // of a view whose columns were not touched. A comparer of the host may look at anything.
-bool TKdsView::KeepsPlace(TKdsRecord*) const {
+bool TKdsView::KeepsPlace() const {
     if (fOnCompare) return false;
     return fSorting == omRowID || !Plan().Columns().Meets(fTable->ChangedColumns());
 }

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "kds/core/Kdserrors.h"
-#include "kds/core/Kdsslab.h"
 #include "tests/support/Recorder.h"
 
 namespace kds {
@@ -307,33 +306,6 @@ TEST(TKdsLayoutTest, TheCompactSizeFollowsTheNullWordsAndDelayedColumns) {
     EXPECT_TRUE(layout.HasNotNullGap(buffer));
     layout.SetNotNull(3, false);
     EXPECT_FALSE(layout.HasNotNullGap(buffer));
-}
-
-TEST(TKdsSlabTest, HandsOutBlocksOnceAndUsesFreedOnesAgain) {
-    TKdsSlab* const slab = TKdsSlab::Create(20);
-    std::vector<void*> blocks;
-    for (int i = 0; i < 200; ++i) {
-        blocks.push_back(slab->Allocate());
-        std::memset(blocks.back(), i, 20);
-    }
-    std::vector<void*> sorted = blocks;
-    std::ranges::sort(sorted);
-    EXPECT_EQ(std::ranges::adjacent_find(
-                  sorted,
-                  [](void* a, void* b) {
-                      return static_cast<std::byte*>(b) - static_cast<std::byte*>(a) < 20;
-                  }),
-              sorted.end());
-    for (int i = 0; i < 200; ++i)
-        EXPECT_EQ(*static_cast<unsigned char*>(blocks[static_cast<std::size_t>(i)]), i);
-    slab->Free(blocks[7]);
-    slab->Free(blocks[9]);
-    EXPECT_EQ(slab->Allocate(), blocks[9]);
-    EXPECT_EQ(slab->Allocate(), blocks[7]);
-    EXPECT_EQ(slab->Live(), 200);
-
-    slab->Abandon();  // lives on until its last block is back
-    for (void* const block : blocks) slab->Free(block);
 }
 
 }  // namespace
