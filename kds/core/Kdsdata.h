@@ -90,10 +90,18 @@ private:
 // outermost guard of the thread is left.
 class TKdsTravelGuard {
 public:
-    TKdsTravelGuard() noexcept;
-    ~TKdsTravelGuard();
+    TKdsTravelGuard() noexcept { ++fDepth; }
+    ~TKdsTravelGuard() {
+        if (--fDepth == 0 && fGraveyard != nullptr) EmptyGraveyard();
+    }
     TKdsTravelGuard(const TKdsTravelGuard&) = delete;
     TKdsTravelGuard& operator=(const TKdsTravelGuard&) = delete;
+
+private:
+    friend class TKdsItem;
+    static void EmptyGraveyard() noexcept;
+    static inline constinit thread_local std::int32_t fDepth = 0;
+    static inline constinit thread_local TKdsItem* fGraveyard = nullptr;
 };
 
 class TKdsItem : public TObject {
@@ -105,7 +113,13 @@ public:
     [[nodiscard]] virtual TKdsSphere Sphere() const noexcept { return spData; }
     // Fills a notification with this item as its sender and sends it up.
     void Notify(TKdsAction action, TKdsItem* target, std::int32_t index);
-    virtual void Notify(TNotification* notification);
+    virtual void Notify(TNotification* notification) {
+        if (TKdsItem* const owner = Owner()) {
+            owner->Notify(notification);
+        } else {
+            Handle(notification);
+        }
+    }
     virtual void Handle(TNotification* notification);
     // As every object; an error of a receiver that heard of the end too late to refuse it is
     // raised when the end is complete. Nothing for an item whose end is under way.
@@ -214,6 +228,10 @@ protected:
 
     using TRelease = void (*)(void* holder) noexcept;
     virtual void InsertItem(std::int32_t index, TKdsItem* item, TRelease release, void* holder);
+    template <typename T>
+    static void ReleaseHolder(void* holder) noexcept {
+        (void)static_cast<TOwned<T>*>(holder)->release();
+    }
     [[noreturn]] void RaiseFull() const;
     static void ClearOwner(TKdsItem* item) noexcept { item->SetOwner(nullptr); }
     void TakeOwnership(TKdsItem* item) noexcept { item->SetOwner(this); }
@@ -238,10 +256,6 @@ protected:
 private:
     friend class TKdsListCursor;
     friend class TKdsListEnumerator;
-    template <typename T>
-    static void ReleaseHolder(void* holder) noexcept {
-        (void)static_cast<TOwned<T>*>(holder)->release();
-    }
     void RemoveDestroyed(TKdsItem* sender);
 
     TKdsListCursor* fCursors = nullptr;

@@ -87,7 +87,7 @@ TKdsRecord* TKdsTableRecordList::Find(std::span<const TVariant> values) {
 
 void TKdsTableRecordList::InsertItem(std::int32_t index, TKdsItem* item, TRelease release,
                                      void* holder) {
-    CheckInsert(index, item);
+    if (item == nullptr || index < 0 || index > fItems.Count()) CheckInsert(index, item);
     if (typeid(*item) != typeid(TKdsRecord)) {
         throw EInvalidArgument(u"A record list takes records only");
     }
@@ -98,13 +98,16 @@ void TKdsTableRecordList::InsertItem(std::int32_t index, TKdsItem* item, TReleas
     TKdsChangeBracket bracket(fTable);
     TFirstError errors;
     {
+        // The bracket's guard covers both: they are sent without one of their own.
         TKdsTravelScope travel(fTable);
-        Notify(acPrepareInsert, record, index);
+        TNotification prepare{this, acPrepareInsert, record, index};
+        Notify(&prepare);
         fTable->ReservePlaces(record);
         DoInsert(index, record);
         release(holder);
         TakeOwnership(record);
-        errors.Run([&] { Notify(acConfirmInsert, record, index); });
+        TNotification confirm{this, acConfirmInsert, record, index};
+        errors.Run([&] { Notify(&confirm); });
     }
     bracket.Close(errors);
     errors.Rethrow();

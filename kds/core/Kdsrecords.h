@@ -142,10 +142,19 @@ public:
     void SwitchState(TKdsRecordState state);
     void EnterForced() { SwitchState(rsForced); }
     void LeaveForced();
-    void CheckState(TKdsRecordStates states, bool expected, std::u16string_view key) const;
+    void CheckState(TKdsRecordStates states, bool expected, std::u16string_view key) const {
+        if (states.Has(fRowState) != expected) RaiseState(key);
+    }
+    // A literal is measured only when it is raised: the compiler would do it before the test.
+    template <std::size_t N>
+    void CheckState(TKdsRecordStates states, bool expected, const char16_t (&key)[N]) const {
+        if (states.Has(fRowState) != expected) RaiseState({key, N - 1});
+    }
     std::byte* CheckWrite(const TKdsColumn* column);
     void CheckConstraints(TKdsRecordState state);
-    [[nodiscard]] const std::byte* FindBuffer() const;
+    [[nodiscard]] const std::byte* FindBuffer() const noexcept {
+        return EffectiveState() == rsRegular ? fBuffer.Original : fBuffer.Proposed;
+    }
 
     // ---- Values ----
     // Whether the column has a value; a text's size is in characters.
@@ -211,6 +220,12 @@ public:
         __builtin_prefetch(&fBuffer);
         __builtin_prefetch(this + 1);
     }
+    // The same for all of a row of usual size, before the record itself is looked at.
+    void PrefetchWhole() const noexcept {
+        constexpr std::ptrdiff_t line = 64;
+        const auto* const block = reinterpret_cast<const std::byte*>(this);
+        for (std::ptrdiff_t i = 0; i < 3; ++i) __builtin_prefetch(block + i * line);
+    }
     // Where a search key's values lie: edited or being built, else posted.
     [[nodiscard]] const std::byte* KeyBuffer() const { return FindBuffer(); }
     // While Post's notification travels, the values before it.
@@ -255,7 +270,10 @@ private:
     [[nodiscard]] TKdsColumn* ColumnBy(std::u16string_view name) const;
     void CheckColumn(const TKdsColumn* column) const;
     // Resident, never nullptr, and with room for this column.
-    [[nodiscard]] std::byte* WritableBuffer(const TKdsSlot& slot);
+    [[nodiscard]] std::byte* WritableBuffer(const TKdsSlot& slot) {
+        if (MovesForWrite(slot)) ExpandBuffer();
+        return EffectiveState() == rsRegular ? fBuffer.Original : fBuffer.Proposed;
+    }
     // Whether making room moves the buffer: it ends behind its last value. Delayed columns always
     // have room, so that a read that calculates them moves nothing.
     [[nodiscard]] bool MovesForWrite(const TKdsSlot& slot) const noexcept {
@@ -263,6 +281,8 @@ private:
                EffectiveState() != rsEditing;
     }
     void ExpandBuffer();
+
+    void CheckNotNull() const;
 
     // Called by the record list's notifications.
     void PrepareInsert();
@@ -285,6 +305,7 @@ private:
     void StoreVariant(const TKdsColumn* column, const TVariant& value);
     void StoreNull(const TKdsColumn* column);
     void BringHome() noexcept;
+    [[noreturn]] static void RaiseState(std::u16string_view key);
     [[noreturn]] static void RaiseMismatch(const TKdsColumn* column, std::u16string_view key);
     [[noreturn]] static void RaiseNotRaw();
 

@@ -168,9 +168,24 @@ void TKdsTable::FollowAutoIncrement(TKdsRecord* record) {
 
 // ---- Notifications ------------------------------------------------------------------------
 
-void TKdsTable::Notify(TNotification* notification) {
-    if (notification->Sender->Sphere() != spData || !notification->Stands()) {
+// Upwards from the table. A list of tables has no part in data: they go straight to its store.
+void TKdsTable::Climb(TNotification* notification) {
+    if (fStore != nullptr && Owner() == fStore->Tables()) {
+        fStore->Notify(notification);
+    } else {
         TKdsName::Notify(notification);
+    }
+}
+
+void TKdsTable::Notify(TNotification* notification) {
+    const bool isData =
+        notification->Sender == fRecords.get() || notification->Sender->Sphere() == spData;
+    if (!isData) {
+        TKdsName::Notify(notification);
+        return;
+    }
+    if (!notification->Stands()) {
+        Climb(notification);
         return;
     }
     TKdsSteps steps(notification);
@@ -180,11 +195,12 @@ void TKdsTable::Notify(TNotification* notification) {
     if (notification->Action == acConfirmDelete || notification->Action == acConfirmUpdate) {
         fKeyFailed = false;  // the rows may fit the key now
     }
-    if (fViews != nullptr) steps.Run([&] { fViews->Handle(notification); });
+    const bool isQuiet = notification->Action == acConfirmUpdate && !ViewsCare();
+    if (fViews != nullptr && !isQuiet) steps.Run([&] { fViews->Handle(notification); });
     if (notification->Action == acConfirmDelete && !fDeacons.empty()) {
         steps.Run([&] { NotifyDeacons(static_cast<TKdsRecord*>(notification->Target)); });
     }
-    steps.Run([&] { TKdsName::Notify(notification); });
+    steps.Run([&] { Climb(notification); });
     steps.Finish();
 }
 
@@ -262,6 +278,7 @@ const char* TKdsTable::Inconsistency() const {
     if (!fColumns->IsConsistent()) return "columns, name index or layout";
     if (!fRecords->IsConsistent()) return "record list";
     if (fBusy != 0 || fBracket != 0 || fTravels != 0) return "an open change";
+    if (fWatch.Known && !(fWatch == LookAtViews())) return "what the views look at";
     if (fStagedEvents != 0 || !fEvents.empty() || !fDead.empty()) return "events left over";
     for (std::size_t i = 0; i < fDetached.size(); ++i) {
         const TKdsRecord* const record = fDetached[i];

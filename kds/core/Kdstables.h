@@ -68,6 +68,11 @@ class TKdsColumnMask {
 public:
     void Reset(std::int32_t columnCount) { fWords.assign(Words(columnCount), 0); }
     void Include(std::int32_t column) noexcept { fWords[At(column)] |= Bit(column); }
+    void IncludeAll(const TKdsColumnMask& other) {
+        if (fWords.size() < other.fWords.size()) fWords.resize(other.fWords.size());
+        for (std::size_t i = 0; i < other.fWords.size(); ++i) fWords[i] |= other.fWords[i];
+    }
+    friend bool operator==(const TKdsColumnMask&, const TKdsColumnMask&) = default;
     [[nodiscard]] bool Has(std::int32_t column) const noexcept {
         return At(column) < fWords.size() && (fWords[At(column)] & Bit(column)) != 0;
     }
@@ -179,6 +184,8 @@ public:
 
     // ---- For the library ----
     void CheckRestructure();
+    // What the views look at has changed: which of them care for a post is to be found out anew.
+    void ViewsChanged() noexcept { fWatch.Known = false; }
     void LayoutChanged() noexcept;
     // Host callbacks run inside the engine: rows and views must stay as they are.
     [[nodiscard]] bool IsBusy() const noexcept { return fBusy > 0; }
@@ -231,6 +238,7 @@ private:
     // ---- Buffers ----
     [[nodiscard]] TKdsSlab& Slab();
     [[nodiscard]] bool KeepsHome() const noexcept { return !fOptions.Has(mtoStripNulls); }
+    [[nodiscard]] std::byte* TakeBuffer();
     [[nodiscard]] std::byte* InitBuffer();
     void FreeBuffer(TKdsRecord* record, std::byte* buffer) noexcept;
     void GiveBack(std::byte* buffer) noexcept;
@@ -241,7 +249,10 @@ private:
     void ReleaseReferences(std::byte* buffer) noexcept;
     // ---- Detached rows ----
     void Track(TKdsRecord* record);
-    void ReserveTrack();
+    void ReserveTrack() {
+        if (fDetached.size() == fDetached.capacity()) GrowTrack();
+    }
+    void GrowTrack();
     void ReserveDead();
     // For as many deletions as there are rows; for all that Clear does.
     void ReserveDeaths();
@@ -250,11 +261,33 @@ private:
     [[nodiscard]] bool MayBury() const noexcept {
         return !fDelivers && fQueuedOrigins == 0 && fTravels == 0;
     }
-    void Untrack(TKdsRecord* record) noexcept;
+    void Untrack(TKdsRecord* record) noexcept {
+        const auto slot = static_cast<std::size_t>(record->fBuffer.DetachedSlot);
+        fDetached[slot] = fDetached.back();
+        fDetached[slot]->fBuffer.DetachedSlot = record->fBuffer.DetachedSlot;
+        fDetached.pop_back();
+    }
     void DropLocator() noexcept;
     void ReleaseDetached() noexcept;
     // ---- Changes ----
     void FindChanges(const std::byte* before, const std::byte* after);
+    // What all views together look at when a row is posted: some of them at everything, or these
+    // columns at most. Not known until the next post once ViewsChanged has been called.
+    struct TWatch {
+        bool Known = false;
+        bool All = false;
+        TKdsColumnMask Columns;
+        friend bool operator==(const TWatch&, const TWatch&) = default;
+    };
+    [[nodiscard]] TWatch LookAtViews() const;
+    // Whether no view needs to hear of a post: then it moves no row and breaks no key. Sees to it
+    // that ViewsCare, asked again when the post stands, needs no memory.
+    [[nodiscard]] bool IsQuietPost(const std::byte* before, const std::byte* after);
+    [[nodiscard]] bool ViewsCare() const noexcept {
+        return !fWatch.Known || fWatch.All || fStatus != mtsRegular || fStagedEvents > 0 ||
+               fWatch.Columns.Meets(fChanged);
+    }
+    void Climb(TNotification* notification);
     void CheckUniqueViews(TKdsRecord* record);
     void ReservePlaces(const TKdsRecord* record);
     void FollowAutoIncrement(TKdsRecord* record);
@@ -305,6 +338,7 @@ private:
     std::vector<TKdsRecord*> fDead;  // deleted in the open bracket, whole until it closes
     std::vector<TKdsQueuedEvent> fEvents;
     TKdsColumnMask fChanged;
+    TWatch fWatch;
     std::int32_t fBusy = 0;
     std::int32_t fTravels = 0;
     std::int32_t fBracket = 0;

@@ -63,9 +63,45 @@ void TKdsTable::ReservePlaces(const TKdsRecord* record) {
     for (TKdsView* const view : *fViews) {
         if (view->Actual()) view->Storage()->Reserve(rowID);
     }
-    fChanged.Reset(Layout().ColumnCount());
     ReserveEvents(1);
 }
+
+// Taken together once, so that a post that changes nothing they look at costs the same however
+// many there are. What has a routine of the host or links is asked each time, and so is a view of
+// a class of the host's, which may do anything.
+TKdsTable::TWatch TKdsTable::LookAtViews() const {
+    TWatch watch;
+    watch.Columns.Reset(Layout().ColumnCount());
+    for (const TKdsView* const view : *fViews) {
+        if (view->NeedsEveryPost()) watch.All = true;
+        if (view->GetSortMode() == omOrder) watch.Columns.IncludeAll(view->Plan().Columns());
+    }
+    watch.Known = true;
+    return watch;
+}
+
+bool TKdsTable::IsQuietPost(const std::byte* before, const std::byte* after) {
+    if (fStatus != mtsRegular || fColumns->Occurences().Has(coCalculated)) return false;
+    if (fPrimaryView != nullptr && !(fPrimaryView->Actual() && fPrimaryView->IsDistinct())) {
+        return false;
+    }
+    if (!fWatch.Known) fWatch = LookAtViews();
+    if (fWatch.All) return false;
+    FindChanges(before, after);
+    return !ViewsCare();
+}
+
+namespace {
+
+bool SameBytes(const std::byte* a, const std::byte* b, std::int32_t size) noexcept {
+    switch (size) {
+        case 4: return LoadRaw<std::uint32_t>(a) == LoadRaw<std::uint32_t>(b);
+        case 8: return LoadRaw<std::uint64_t>(a) == LoadRaw<std::uint64_t>(b);
+        default: return std::memcmp(a, b, static_cast<std::size_t>(size)) == 0;
+    }
+}
+
+}  // namespace
 
 void TKdsTable::FindChanges(const std::byte* before, const std::byte* after) {
     const TKdsLayout& layout = Layout();
@@ -81,9 +117,8 @@ void TKdsTable::FindChanges(const std::byte* before, const std::byte* after) {
                 changed = slot.Kind == skMemo
                               ? TAnsiString::View(LoadRaw<void*>(before + slot.Offset)) !=
                                     TAnsiString::View(LoadRaw<void*>(after + slot.Offset))
-                              : slot.Kind == skCustom ||
-                                    std::memcmp(before + slot.Offset, after + slot.Offset,
-                                                static_cast<std::size_t>(slot.Size)) != 0;
+                              : slot.Kind == skCustom || !SameBytes(before + slot.Offset,
+                                                                    after + slot.Offset, slot.Size);
             }
         }
         if (changed) fChanged.Include(i);

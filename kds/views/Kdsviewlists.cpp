@@ -41,6 +41,12 @@ void TKdsViewList::DoInsert(std::int32_t index, TKdsItem* item) {
         throw EInvalidArgument(u"The view belongs to another table");
     }
     TKdsActiveList::DoInsert(index, item);
+    fTable->ViewsChanged();
+}
+
+void TKdsViewList::DoDelete(std::int32_t index) {
+    TKdsActiveList::DoDelete(index);
+    fTable->ViewsChanged();
 }
 
 // While rows or their order are being read, the views that read them stay.

@@ -31,6 +31,7 @@ void TKdsView::HandleData(TNotification* notification) {
 void TKdsView::GiveUp() noexcept {
     fActual = false;
     fDistinct = false;
+    if (fTable != nullptr) fTable->ViewsChanged();
     fStorage->Clear();
 }
 
@@ -80,6 +81,26 @@ std::int32_t TKdsView::SearchPlace(TKdsRecord* record) {
     return index;
 }
 
+// The place that the key check has found, or the one behind the last row, when the row fits between
+// those beside it. What has happened since the check is not followed: its neighbours tell.
+std::int32_t TKdsView::PlaceForNew(TKdsRecord* record) {
+    const bool checked = std::exchange(fCheckedRecord, nullptr) == record;
+    const std::int32_t count = Count();
+    const std::int32_t place = checked ? fCheckedPlace : fGrowsAtEnd ? count : -1;
+    if (place < 0 || place > count || fSorting != omOrder || fOnCompare || !Plan().IsPlain()) {
+        return SearchPlace(record);
+    }
+    constexpr TKdsCompareOptions whole{coUseRowID};
+    if (place > 0 && CompareMembers(ItemAt(place - 1), record, whole) >= 0) {
+        return SearchPlace(record);
+    }
+    if (place < count && CompareMembers(record, ItemAt(place), whole) >= 0) {
+        return SearchPlace(record);
+    }
+    fStorage->SetSearchHint(place);
+    return place;
+}
+
 TKdsView::TPlace TKdsView::PlaceInserted(TKdsRecord* record) {
     TPlace place;
     if (fOnAccept && !Accept(record)) return place;
@@ -87,12 +108,19 @@ TKdsView::TPlace TKdsView::PlaceInserted(TKdsRecord* record) {
     const bool byRowID = fSorting == omRowID && !fOnCompare;
     // Behind the last row; a row that came back with its old number has its old place.
     const bool appends = byRowID && (count == 0 || ItemAt(count - 1)->RowID() < record->RowID());
-    place.New = appends ? count : SearchPlace(record);
+    place.New = appends ? count : PlaceForNew(record);
     place.Outcome = TOutcome::Member;
     fStorage->Insert(place.New, record);
-    // Without the check two rows may have one key from now on.
-    if (fTable->Options().Has(mtoSkipPKCheck)) fDistinct = false;
+    fGrowsAtEnd = place.New == count;
+    PlacedUnchecked();
     return place;
+}
+
+// Without the check two rows may have one key from now on.
+void TKdsView::PlacedUnchecked() noexcept {
+    if (!fDistinct || !fTable->Options().Has(mtoSkipPKCheck)) return;
+    fDistinct = false;
+    fTable->ViewsChanged();
 }
 
 TKdsView::TPlace TKdsView::PlaceUpdated(TKdsRecord* record) {
@@ -119,7 +147,7 @@ TKdsView::TPlace TKdsView::PlaceUpdated(TKdsRecord* record) {
     // Taking the record out shifts everything behind it.
     if (place.Old < place.New) --place.New;
     if (place.Old != place.New) fStorage->Switch(place.Old, place.New);
-    if (fTable->Options().Has(mtoSkipPKCheck)) fDistinct = false;
+    PlacedUnchecked();
     return place;
 }
 

@@ -17,6 +17,7 @@ void TKdsView::Prepare() {
     TScopeGuard fail([&] {
         fRebuilds = false;
         fDistinct = false;
+        fTable->ViewsChanged();
         fStorage->Clear();
         SetNullability(madeNotNull, true);
     });
@@ -44,6 +45,7 @@ void TKdsView::Prepare() {
         fStorage->Prepared();
     }
     fail.Dismiss();
+    fTable->ViewsChanged();
     const std::int64_t end = QueryPerformanceCounter();
     fStats.UpdateTime = Now();
     ++fStats.UpdateCount;
