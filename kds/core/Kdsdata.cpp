@@ -67,25 +67,6 @@ void TKdsItem::Dispose() noexcept {
     TKdsTravelGuard::fGraveyard = this;
 }
 
-// ---- Cursors ------------------------------------------------------------------------------
-
-TKdsListCursor::TKdsListCursor(TKdsList* list) noexcept
-    : fList(list), fBound(list->DoGetCount()), fOuter(list->fCursors) {
-    list->fCursors = this;
-}
-
-TKdsListCursor::~TKdsListCursor() {
-    if (fList == nullptr) return;
-    TKdsListCursor** link = &fList->fCursors;
-    while (*link != this) link = &(*link)->fOuter;
-    *link = fOuter;
-}
-
-TKdsItem* TKdsListCursor::Next() {
-    if (fList == nullptr || fNext >= std::min(fBound, fList->DoGetCount())) return nullptr;
-    return fList->DoGetItem(fNext++);
-}
-
 // ---- TKdsList -----------------------------------------------------------------------------
 
 TOwned<TKdsList> TKdsList::Create(TKdsItem* owner, bool ownsObjects, bool broadcaster) {

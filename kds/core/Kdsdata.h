@@ -159,6 +159,8 @@ public:
     TKdsListCursor& operator=(const TKdsListCursor&) = delete;
     // The next element, nullptr at the end.
     [[nodiscard]] TKdsItem* Next();
+    // The same in a list that keeps its elements in its own array, as all do but that of records.
+    [[nodiscard]] TKdsItem* NextKept() noexcept;
 
 private:
     friend class TKdsList;
@@ -261,6 +263,28 @@ private:
     TKdsListCursor* fCursors = nullptr;
     TKdsListEnumerator* fEnumerators = nullptr;
 };
+
+inline TKdsListCursor::TKdsListCursor(TKdsList* list) noexcept
+    : fList(list), fBound(list->DoGetCount()), fOuter(list->fCursors) {
+    list->fCursors = this;
+}
+
+inline TKdsListCursor::~TKdsListCursor() {
+    if (fList == nullptr) return;
+    TKdsListCursor** link = &fList->fCursors;
+    while (*link != this) link = &(*link)->fOuter;
+    *link = fOuter;
+}
+
+inline TKdsItem* TKdsListCursor::Next() {
+    if (fList == nullptr || fNext >= fBound || fNext >= fList->DoGetCount()) return nullptr;
+    return fList->DoGetItem(fNext++);
+}
+
+inline TKdsItem* TKdsListCursor::NextKept() noexcept {
+    if (fList == nullptr || fNext >= fBound || fNext >= fList->fCount) return nullptr;
+    return fList->fItems[static_cast<std::size_t>(fNext++)];
+}
 
 // Walks a list forward or in reverse. A reverse walk starts at the count of its creation.
 class TKdsListEnumerator final : public IInterface {

@@ -101,13 +101,13 @@ void TKdsTableRecordList::InsertItem(std::int32_t index, TKdsItem* item, TReleas
         // The bracket's guard covers both: they are sent without one of their own.
         TKdsTravelScope travel(fTable);
         TNotification prepare{this, acPrepareInsert, record, index};
-        Notify(&prepare);
+        PassPrepareInsert(&prepare);
         fTable->ReservePlaces(record);
         DoInsert(index, record);
         release(holder);
         TakeOwnership(record);
         TNotification confirm{this, acConfirmInsert, record, index};
-        errors.Run([&] { Notify(&confirm); });
+        PassConfirmInsert(&confirm, errors);
     }
     bracket.Close(errors);
     errors.Rethrow();
@@ -171,21 +171,34 @@ void TKdsTableRecordList::Clear() {
 
 // ---- Notifications ------------------------------------------------------------------------
 
+void TKdsTableRecordList::PassPrepareInsert(TNotification* notification) {
+    auto* const record = static_cast<TKdsRecord*>(notification->Target);
+    if (record->RowID() != NoRowID && HoldsRowID(record->RowID())) {
+        KdsError(u"CannotInsertRecord");
+    }
+    record->PrepareInsert();
+    TKdsItem::Notify(notification);
+}
+
+void TKdsTableRecordList::PassConfirmInsert(TNotification* notification, TFirstError& errors) {
+    auto* const record = static_cast<TKdsRecord*>(notification->Target);
+    ConfirmPlace(record, notification->Index);
+    errors.Run([&] { record->ConfirmInsert(); });
+    errors.Run([&] { TKdsItem::Notify(notification); });
+}
+
 void TKdsTableRecordList::Notify(TNotification* notification) {
     auto* const record = static_cast<TKdsRecord*>(notification->Target);
     TKdsSteps steps(notification);
     if (notification->Sender == this) {
         switch (notification->Action) {
-            case acPrepareInsert:
-                if (record->RowID() != NoRowID && HoldsRowID(record->RowID())) {
-                    KdsError(u"CannotInsertRecord");
-                }
-                record->PrepareInsert();
-                break;
-            case acConfirmInsert:
-                ConfirmPlace(record, notification->Index);
-                steps.Run([&] { record->ConfirmInsert(); });
-                break;
+            case acPrepareInsert: PassPrepareInsert(notification); return;
+            case acConfirmInsert: {
+                TFirstError errors;
+                PassConfirmInsert(notification, errors);
+                errors.Rethrow();
+                return;
+            }
             case acPrepareDelete: record->PrepareDelete(); break;
             case acConfirmDelete:
                 if (fItems.Count() <= 1) fOrder = rloRowID;

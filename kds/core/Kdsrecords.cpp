@@ -152,11 +152,14 @@ void TKdsRecord::Post() {
     TKdsTable* const table = fTable;
     table->CheckNotBusy();
     TKdsChangeBracket bracket(table);
-    if (table->IsQuietPost(fBuffer.Original, fBuffer.Proposed)) {
+    const bool isQuiet = table->IsQuietPost(fBuffer.Original, fBuffer.Proposed);
+    if (isQuiet) {
         CheckNotNull();
     } else {
         CheckConstraints(rsRegular);
         table->ReservePlaces(this);
+        table
+            ->ReserveChanges();  // what is calculated has changed the edit: nothing fails behind it
         if (table->Columns()->Occurences().Has(coCalculated)) CalculateColumns(false);
         table->FindChanges(fBuffer.Original, fBuffer.Proposed);
     }
@@ -167,7 +170,9 @@ void TKdsRecord::Post() {
     {
         TKdsTravelScope travel(table);
         TNotification confirm{this, acConfirmUpdate, nullptr, 0};
+        if (isQuiet) table->fQuietPost = this;
         errors.Run([&] { TKdsItem::Notify(&confirm); });
+        table->fQuietPost = nullptr;
     }
     fOldState = rsRegular;
     table->FreeBuffer(this, std::exchange(fBuffer.Proposed, nullptr));

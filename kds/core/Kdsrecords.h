@@ -297,6 +297,9 @@ private:
     void RefreshDelayed(const TKdsColumn* column, const TKdsSlot& slot);
     bool ReadComputed(const TKdsColumn* column, TKdsScratch& scratch, TKdsValue& value);
     static bool ReadSlot(const TKdsSlot& slot, const std::byte* buffer, TKdsValue& value) noexcept;
+    // Apart, so that the usual write saves no registers for it.
+    [[gnu::noinline]] void SetChecked(const TKdsColumn* column, const void* data,
+                                      std::int32_t size);
     void StoreValue(const TKdsColumn* column, const void* data, std::int32_t size);
     void StoreText(const TKdsColumn* column, const TKdsSlot& slot, const void* data,
                    std::int32_t size);

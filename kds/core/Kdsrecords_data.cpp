@@ -190,17 +190,44 @@ namespace {
 // Numbers of any stored size; a call of memcpy would cost more than the copy.
 void CopyNumber(std::byte* target, const void* data, std::int32_t size) noexcept {
     switch (size) {
-        case 1: StoreRaw(target, LoadRaw<std::uint8_t>(data)); return;
-        case 2: StoreRaw(target, LoadRaw<std::uint16_t>(data)); return;
-        case 4: StoreRaw(target, LoadRaw<std::uint32_t>(data)); return;
         case 8: StoreRaw(target, LoadRaw<std::uint64_t>(data)); return;
+        case 4: StoreRaw(target, LoadRaw<std::uint32_t>(data)); return;
+        case 2: StoreRaw(target, LoadRaw<std::uint16_t>(data)); return;
+        case 1: StoreRaw(target, LoadRaw<std::uint8_t>(data)); return;
         default: std::memmove(target, data, static_cast<std::size_t>(size)); return;
     }
 }
 
 }  // namespace
 
+// Most writes set a number or a text of a column that may be written, in a row that is being built
+// or edited: nothing is checked twice for them, and they are done without a further call.
 void TKdsRecord::SetDataP(const TKdsColumn* column, const void* data, std::int32_t size) {
+    const bool isOpen = (fRowState == rsDetached || fRowState == rsEditing) &&
+                        (fRowFlags & CompactBit) == 0 && fTable != nullptr;
+    if (isOpen && column != nullptr && column->Owner() == fTable->Columns() &&
+        !column->ReadOnly() && data != nullptr) {
+        const TKdsSlot& slot = fTable->Layout().Slot(column->Index());
+        std::byte* const target = fBuffer.Proposed + slot.Offset;
+        if (slot.Kind == skPlain && size == slot.Size && !IsTextType(slot.Type) &&
+            (size == 8 || size == 4)) {
+            if (size == 8) {
+                StoreRaw(target, LoadRaw<std::uint64_t>(data));
+            } else {
+                StoreRaw(target, LoadRaw<std::uint32_t>(data));
+            }
+            slot.MarkValue(fBuffer.Proposed);
+            return;
+        }
+        if (slot.Kind == skPlain && IsTextType(slot.Type)) {
+            StoreText(column, slot, data, size);
+            return;
+        }
+    }
+    SetChecked(column, data, size);
+}
+
+void TKdsRecord::SetChecked(const TKdsColumn* column, const void* data, std::int32_t size) {
     CheckWrite(column);
     StoreValue(column, data, size);
 }

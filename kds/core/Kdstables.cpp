@@ -168,19 +168,17 @@ void TKdsTable::FollowAutoIncrement(TKdsRecord* record) {
 
 // ---- Notifications ------------------------------------------------------------------------
 
-// Upwards from the table. A list of tables has no part in data: they go straight to its store.
+// Data upwards from the table. A list of tables has no part in them, and in its store they end.
 void TKdsTable::Climb(TNotification* notification) {
     if (fStore != nullptr && Owner() == fStore->Tables()) {
-        fStore->Notify(notification);
+        if (!fStore->IsPlain()) fStore->Notify(notification);
     } else {
         TKdsName::Notify(notification);
     }
 }
 
 void TKdsTable::Notify(TNotification* notification) {
-    const bool isData =
-        notification->Sender == fRecords.get() || notification->Sender->Sphere() == spData;
-    if (!isData) {
+    if (!IsOfData(*notification)) {
         TKdsName::Notify(notification);
         return;
     }
@@ -195,8 +193,13 @@ void TKdsTable::Notify(TNotification* notification) {
     if (notification->Action == acConfirmDelete || notification->Action == acConfirmUpdate) {
         fKeyFailed = false;  // the rows may fit the key now
     }
-    const bool isQuiet = notification->Action == acConfirmUpdate && !ViewsCare();
-    if (fViews != nullptr && !isQuiet) steps.Run([&] { fViews->Handle(notification); });
+    if (fViews != nullptr && !SkipsViews(*notification)) {
+        if (fQuietPost != nullptr) {
+            const TKdsBuffer& buffer = std::exchange(fQuietPost, nullptr)->fBuffer;
+            FindChanges(buffer.Proposed, buffer.Original);
+        }
+        steps.Run([&] { fViews->Handle(notification); });
+    }
     if (notification->Action == acConfirmDelete && !fDeacons.empty()) {
         steps.Run([&] { NotifyDeacons(static_cast<TKdsRecord*>(notification->Target)); });
     }

@@ -68,11 +68,6 @@ class TKdsColumnMask {
 public:
     void Reset(std::int32_t columnCount) { fWords.assign(Words(columnCount), 0); }
     void Include(std::int32_t column) noexcept { fWords[At(column)] |= Bit(column); }
-    void IncludeAll(const TKdsColumnMask& other) {
-        if (fWords.size() < other.fWords.size()) fWords.resize(other.fWords.size());
-        for (std::size_t i = 0; i < other.fWords.size(); ++i) fWords[i] |= other.fWords[i];
-    }
-    friend bool operator==(const TKdsColumnMask&, const TKdsColumnMask&) = default;
     [[nodiscard]] bool Has(std::int32_t column) const noexcept {
         return At(column) < fWords.size() && (fWords[At(column)] & Bit(column)) != 0;
     }
@@ -183,6 +178,9 @@ public:
     [[nodiscard]] const char* Inconsistency() const;
 
     // ---- For the library ----
+    [[nodiscard]] bool IsOfData(const TNotification& notification) const noexcept {
+        return notification.Sender == fRecords.get() || notification.Sender->Sphere() == spData;
+    }
     void CheckRestructure();
     // What the views look at has changed: which of them care for a post is to be found out anew.
     void ViewsChanged() noexcept { fWatch.Known = false; }
@@ -238,6 +236,11 @@ private:
     // ---- Buffers ----
     [[nodiscard]] TKdsSlab& Slab();
     [[nodiscard]] bool KeepsHome() const noexcept { return !fOptions.Has(mtoStripNulls); }
+    // Of a full-size buffer: whole words, so that it can be compared by them.
+    [[nodiscard]] std::size_t BufferRoom() const noexcept {
+        constexpr std::size_t step = sizeof(std::uint64_t);
+        return (static_cast<std::size_t>(Layout().RecordSize()) + step - 1) / step * step;
+    }
     [[nodiscard]] std::byte* TakeBuffer();
     [[nodiscard]] std::byte* InitBuffer();
     void FreeBuffer(TKdsRecord* record, std::byte* buffer) noexcept;
@@ -270,22 +273,29 @@ private:
     void DropLocator() noexcept;
     void ReleaseDetached() noexcept;
     // ---- Changes ----
+    void ReserveChanges() { fChanged.Reset(Layout().ColumnCount()); }
     void FindChanges(const std::byte* before, const std::byte* after);
     // What all views together look at when a row is posted: some of them at everything, or these
-    // columns at most. Not known until the next post once ViewsChanged has been called.
+    // bits of a buffer at most. Not known until the next post once ViewsChanged has been called.
     struct TWatch {
+        struct TWord {
+            std::int32_t Offset;
+            std::uint64_t Bits;
+            friend bool operator==(const TWord&, const TWord&) = default;
+        };
         bool Known = false;
         bool All = false;
-        TKdsColumnMask Columns;
+        std::vector<TWord> Words;
         friend bool operator==(const TWatch&, const TWatch&) = default;
     };
     [[nodiscard]] TWatch LookAtViews() const;
-    // Whether no view needs to hear of a post: then it moves no row and breaks no key. Sees to it
-    // that ViewsCare, asked again when the post stands, needs no memory.
+    // Whether a post moves no row in any view, breaks no key and is nobody else's business.
     [[nodiscard]] bool IsQuietPost(const std::byte* before, const std::byte* after);
-    [[nodiscard]] bool ViewsCare() const noexcept {
-        return !fWatch.Known || fWatch.All || fStatus != mtsRegular || fStagedEvents > 0 ||
-               fWatch.Columns.Meets(fChanged);
+    // Whether the views may be left out of a notification: that of such a post, and nobody who
+    // heard of it before has changed what they look at.
+    [[nodiscard]] bool SkipsViews(const TNotification& notification) const noexcept {
+        return notification.Sender == fQuietPost && notification.Action == acConfirmUpdate &&
+               fWatch.Known && fStatus == mtsRegular && fStagedEvents == 0;
     }
     void Climb(TNotification* notification);
     void CheckUniqueViews(TKdsRecord* record);
@@ -339,6 +349,7 @@ private:
     std::vector<TKdsQueuedEvent> fEvents;
     TKdsColumnMask fChanged;
     TWatch fWatch;
+    TKdsRecord* fQuietPost = nullptr;  // while the notification of such a post travels
     std::int32_t fBusy = 0;
     std::int32_t fTravels = 0;
     std::int32_t fBracket = 0;

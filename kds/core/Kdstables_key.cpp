@@ -71,24 +71,54 @@ void TKdsTable::ReservePlaces(const TKdsRecord* record) {
 // a class of the host's, which may do anything.
 TKdsTable::TWatch TKdsTable::LookAtViews() const {
     TWatch watch;
-    watch.Columns.Reset(Layout().ColumnCount());
+    watch.Known = true;
+    std::vector<std::byte> bits(BufferRoom());
+    const auto include = [&](std::int32_t offset, std::int32_t size) {
+        std::fill_n(bits.begin() + offset, size, std::byte{0xff});
+    };
     for (const TKdsView* const view : *fViews) {
         if (view->NeedsEveryPost()) watch.All = true;
-        if (view->GetSortMode() == omOrder) watch.Columns.IncludeAll(view->Plan().Columns());
+        if (view->GetSortMode() != omOrder) continue;
+        for (std::int32_t i = 0; i < view->Plan().Count(); ++i) {
+            const TKdsSlot& slot = view->Plan().Part(i).Slot;
+            // Values whose bytes do not tell whether they have changed.
+            if (slot.Kind == skComputed || slot.Kind == skCustom || slot.StampOffset >= 0) {
+                watch.All = true;
+                continue;
+            }
+            include(slot.Offset, slot.Size);
+            std::byte* const nulls = bits.data() + slot.NullOffset;
+            StoreRaw(nulls, LoadRaw<std::uint32_t>(nulls) | slot.NullMask);
+        }
     }
-    watch.Known = true;
+    constexpr std::size_t step = sizeof(std::uint64_t);
+    for (std::size_t offset = 0; offset < bits.size(); offset += step) {
+        const auto word = LoadRaw<std::uint64_t>(bits.data() + offset);
+        if (word != 0) watch.Words.push_back({static_cast<std::int32_t>(offset), word});
+    }
     return watch;
 }
 
 bool TKdsTable::IsQuietPost(const std::byte* before, const std::byte* after) {
-    if (fStatus != mtsRegular || fColumns->Occurences().Has(coCalculated)) return false;
+    // A buffer that is cut behind its last value cannot be read by words.
+    if (fStatus != mtsRegular || !KeepsHome() || fColumns->Occurences().Has(coCalculated)) {
+        return false;
+    }
     if (fPrimaryView != nullptr && !(fPrimaryView->Actual() && fPrimaryView->IsDistinct())) {
         return false;
     }
-    if (!fWatch.Known) fWatch = LookAtViews();
+    if (!fWatch.Known) {
+        fWatch = LookAtViews();
+        // Should somebody change the views on the way, what the post has changed is found out then.
+        ReserveChanges();
+    }
     if (fWatch.All) return false;
-    FindChanges(before, after);
-    return !ViewsCare();
+    std::uint64_t changed = 0;
+    for (const TWatch::TWord& word : fWatch.Words) {
+        changed |= word.Bits & (LoadRaw<std::uint64_t>(before + word.Offset) ^
+                                LoadRaw<std::uint64_t>(after + word.Offset));
+    }
+    return changed == 0;
 }
 
 namespace {

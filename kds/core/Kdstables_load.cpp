@@ -14,8 +14,7 @@ namespace kds {
 
 TKdsSlab& TKdsTable::Slab() {
     if (fSlab == nullptr) {
-        const std::size_t home =
-            KeepsHome() ? static_cast<std::size_t>(Layout().RecordSize()) : std::size_t{0};
+        const std::size_t home = KeepsHome() ? BufferRoom() : std::size_t{0};
         fSlab = TKdsSlab::Create(sizeof(TKdsRecord) + home);
     }
     return *fSlab;
@@ -24,7 +23,7 @@ TKdsSlab& TKdsTable::Slab() {
 // Of full size and with anything in it.
 std::byte* TKdsTable::TakeBuffer() {
     if (fSpareBuffer != nullptr) return std::exchange(fSpareBuffer, nullptr);
-    return static_cast<std::byte*>(::operator new(static_cast<std::size_t>(Layout().RecordSize())));
+    return static_cast<std::byte*>(::operator new(BufferRoom()));
 }
 
 std::byte* TKdsTable::InitBuffer() {
@@ -51,8 +50,7 @@ void TKdsTable::FreeBuffer(TKdsRecord* record, std::byte* buffer) noexcept {
 std::byte* TKdsTable::CopyBuffer(const std::byte* source) {
     std::byte* const copy = TakeBuffer();
     const auto size = static_cast<std::size_t>(Layout().RecordSize());
-    const auto used =
-        KeepsHome() ? size : static_cast<std::size_t>(Layout().CompactSize(source));
+    const auto used = KeepsHome() ? size : static_cast<std::size_t>(Layout().CompactSize(source));
     std::memcpy(copy, source, used);
     if (used < size) std::memset(copy + used, 0, size - used);
     if (!Layout().ReferenceColumns().empty()) RetainReferences(copy);
@@ -267,7 +265,8 @@ void TKdsTable::Clear() {
 
 void TKdsTable::ReserveEvents(std::size_t each) {
     if (fViews != nullptr) {
-        ReserveMore(fEvents, each * (static_cast<std::size_t>(fViews->end() - fViews->begin()) + 1));
+        ReserveMore(fEvents,
+                    each * (static_cast<std::size_t>(fViews->end() - fViews->begin()) + 1));
     }
 }
 

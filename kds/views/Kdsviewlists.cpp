@@ -63,7 +63,12 @@ void TKdsViewList::Notify(TNotification* notification) {
 // All views have placed the record before any link hears of it.
 void TKdsViewList::Handle(TNotification* notification) {
     TKdsSteps steps(notification);
-    steps.Run([&] { TKdsActiveList::Handle(notification); });
+    {
+        TKdsListCursor cursor(this);
+        while (TKdsItem* const view = cursor.NextKept()) {
+            steps.Run([&] { view->Handle(notification); });
+        }
+    }
     if (fTable->TakeStagedEvents()) {
         TKdsChangeBracket bracket(fTable);
         TFirstError errors;

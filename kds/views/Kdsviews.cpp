@@ -297,7 +297,7 @@ void TKdsView::Search(TKdsRecord* record, TKdsOrderColumnList* columns, std::int
 bool TKdsView::HasEqual(TKdsRecord* record) {
     std::int32_t index = -1;
     bool found = false;
-    if (fGrowsAtEnd && BelongsBehindLast(record)) {
+    if (BelongsBehindLast(record)) {
         index = Count();
         fStorage->SetSearchHint(index);
     } else {
@@ -308,13 +308,19 @@ bool TKdsView::HasEqual(TKdsRecord* record) {
     return found;
 }
 
-// Of a record that is no row yet: whether its key is beyond that of every row.
+// Of a record that is no row yet: whether its key is beyond that of every row, as far as the row
+// that came in last tells.
 bool TKdsView::BelongsBehindLast(TKdsRecord* record) const {
-    const std::int32_t count = Count();
-    if (count == 0 || fSorting != omOrder || fOnCompare || record->Owner() != nullptr) return false;
+    if (fLastRow == nullptr || record->Owner() != nullptr) return false;
+    const TKdsOrderPlan* const plan = PlainPlan();
+    return plan != nullptr &&
+           plan->Compare(fLastRow->PostedBuffer(), record->KeyBuffer(), plan->Count(), {}) < 0;
+}
+
+const TKdsOrderPlan* TKdsView::PlainPlan() const {
+    if (fSorting != omOrder || fOnCompare) return nullptr;
     const TKdsOrderPlan& plan = Plan();
-    return plan.IsPlain() && plan.Compare(ItemAt(count - 1)->PostedBuffer(), record->KeyBuffer(),
-                                          plan.Count(), {}) < 0;
+    return plan.IsPlain() ? &plan : nullptr;
 }
 
 TKdsRecord* TKdsView::Items(std::int32_t index) const {

@@ -281,6 +281,8 @@ private:
     [[nodiscard]] TPlace PlaceUpdated(TKdsRecord* record);
     [[nodiscard]] TPlace PlaceDeleted(TKdsRecord* record);
     [[nodiscard]] std::int32_t SearchPlace(TKdsRecord* record);
+    // Of an order that stored values alone decide; nullptr otherwise.
+    [[nodiscard]] const TKdsOrderPlan* PlainPlan() const;
     [[nodiscard]] bool BelongsBehindLast(TKdsRecord* record) const;
     [[nodiscard]] std::int32_t PlaceForNew(TKdsRecord* record);
     void PlacedUnchecked() noexcept;
@@ -315,7 +317,9 @@ private:
     // is where it would stand.
     const TKdsRecord* fCheckedRecord = nullptr;
     std::int32_t fCheckedPlace = -1;
-    bool fGrowsAtEnd = false;  // the latest row came in behind all others; the next one may too
+    // When the latest change was a row that came in behind all others: this row. The next one may
+    // go there, too.
+    const TKdsRecord* fLastRow = nullptr;
     bool fDistinct = false;
     bool fAsleep = false;    // switched off by a change of its columns; its next use wakes it
     bool fEntering = false;  // being built on its way into the list

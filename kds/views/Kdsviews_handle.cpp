@@ -8,7 +8,7 @@ namespace kds {
 
 void TKdsView::Handle(TNotification* notification) {
     if (fTable == nullptr) return;
-    if (notification->Sender->Sphere() == spData) {
+    if (fTable->IsOfData(*notification)) {
         if (fActual && !fRebuilds) HandleData(notification);
     } else {
         HandleMeta(notification);
@@ -31,6 +31,7 @@ void TKdsView::HandleData(TNotification* notification) {
 void TKdsView::GiveUp() noexcept {
     fActual = false;
     fDistinct = false;
+    fLastRow = nullptr;
     if (fTable != nullptr) fTable->ViewsChanged();
     fStorage->Clear();
 }
@@ -86,17 +87,21 @@ std::int32_t TKdsView::SearchPlace(TKdsRecord* record) {
 std::int32_t TKdsView::PlaceForNew(TKdsRecord* record) {
     const bool checked = std::exchange(fCheckedRecord, nullptr) == record;
     const std::int32_t count = Count();
-    const std::int32_t place = checked ? fCheckedPlace : fGrowsAtEnd ? count : -1;
-    if (place < 0 || place > count || fSorting != omOrder || fOnCompare || !Plan().IsPlain()) {
-        return SearchPlace(record);
-    }
-    constexpr TKdsCompareOptions whole{coUseRowID};
-    if (place > 0 && CompareMembers(ItemAt(place - 1), record, whole) >= 0) {
-        return SearchPlace(record);
-    }
-    if (place < count && CompareMembers(record, ItemAt(place), whole) >= 0) {
-        return SearchPlace(record);
-    }
+    const std::int32_t place = checked ? fCheckedPlace : fLastRow != nullptr ? count : -1;
+    const TKdsOrderPlan* const plan = place < 0 || place > count ? nullptr : PlainPlan();
+    if (plan == nullptr) return SearchPlace(record);
+    const auto stands = [plan](const TKdsRecord* a, const TKdsRecord* b) {
+        const std::int32_t order =
+            plan->Compare(a->PostedBuffer(), b->PostedBuffer(), plan->Count(), {});
+        return order < 0 || (order == 0 && a->RowID() < b->RowID());
+    };
+    const auto fitsBehind = [&] {
+        const bool isLast = place == count && fLastRow != nullptr;
+        return stands(isLast ? fLastRow : ItemAt(place - 1), record);
+    };
+    const bool fits =
+        (place == 0 || fitsBehind()) && (place == count || stands(record, ItemAt(place)));
+    if (!fits) return SearchPlace(record);
     fStorage->SetSearchHint(place);
     return place;
 }
@@ -111,7 +116,7 @@ TKdsView::TPlace TKdsView::PlaceInserted(TKdsRecord* record) {
     place.New = appends ? count : PlaceForNew(record);
     place.Outcome = TOutcome::Member;
     fStorage->Insert(place.New, record);
-    fGrowsAtEnd = place.New == count;
+    fLastRow = place.New == count ? record : nullptr;
     PlacedUnchecked();
     return place;
 }
@@ -127,6 +132,7 @@ TKdsView::TPlace TKdsView::PlaceUpdated(TKdsRecord* record) {
     TPlace place;
     const bool keeps = KeepsPlace(record);
     if (keeps && !fOnAccept && fLinks.empty() && fTable->Status() == mtsRegular) return place;
+    fLastRow = nullptr;
     place.Old = fStorage->Find(record);
     if (fOnAccept && !Accept(record)) {
         if (place.Old >= 0) fStorage->Delete(place.Old);
@@ -155,6 +161,7 @@ TKdsView::TPlace TKdsView::PlaceDeleted(TKdsRecord* record) {
     TPlace place;
     place.Old = fStorage->Find(record);
     if (place.Old < 0) return place;
+    fLastRow = nullptr;
     fStorage->Delete(place.Old);
     place.Outcome = TOutcome::Removed;
     return place;
