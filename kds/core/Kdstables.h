@@ -9,7 +9,9 @@
 // Errors     EKdsError with the messages of the catalogue; a refused operation changes nothing.
 //            An error of a receiver that hears a change which stands (a view that cannot build,
 //            a link) is raised when the operation is complete.
-// Cost       Insert, Post and Delete O(log n) for the key and for each view whose order is touched.
+// Cost       Insert, Post and Delete O(log n) for the key and for each view whose order is touched;
+//            a post that touches none costs the same however many views there are, as long as none
+//            has links or a routine of the host.
 // Validity   Records live until deleted; detached records may outlive the table and then only
 //            raise RecordStateInvalid.
 // Threads    A store and everything in it is used by one thread at a time.
@@ -440,6 +442,9 @@ public:
     ~TKdsEdit();
     void Post();
     TKdsRecord* operator->() const noexcept { return fRecord; }
+
+private:
+    static TKdsTable* TableOf(TKdsRecord* record) noexcept;
 };
 
 // A load bracket. Leave raises what the rebuilt views have to say; the destructor does not.

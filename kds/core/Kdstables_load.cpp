@@ -322,10 +322,15 @@ void TKdsTable::ForgetScopes() noexcept {
     }
 }
 
-TKdsEdit::TKdsEdit(TKdsRecord* record)
-    : TKdsTableScope(record == nullptr ? nullptr : record->Table()) {
+TKdsEdit::TKdsEdit(TKdsRecord* record) : TKdsTableScope(TableOf(record)) {
     record->Edit();
     fRecord = record;
+}
+
+TKdsTable* TKdsEdit::TableOf(TKdsRecord* record) noexcept {
+    if (record == nullptr) return nullptr;
+    record->PrefetchWhole();
+    return record->Table();
 }
 
 TKdsEdit::~TKdsEdit() {
