@@ -12,8 +12,6 @@
 namespace kds {
 namespace {
 
-constinit thread_local std::int32_t TravelDepth = 0;
-constinit thread_local TKdsItem* Graveyard = nullptr;
 // Where the end that is under way on this thread keeps errors that came too late to refuse it.
 constinit thread_local TFirstError* LateErrors = nullptr;
 
@@ -21,13 +19,10 @@ constinit thread_local TFirstError* LateErrors = nullptr;
 
 // ---- Travel -------------------------------------------------------------------------------
 
-TKdsTravelGuard::TKdsTravelGuard() noexcept { ++TravelDepth; }
-
-TKdsTravelGuard::~TKdsTravelGuard() {
-    if (--TravelDepth > 0) return;
-    while (Graveyard != nullptr) {
-        TKdsItem* const dead = Graveyard;
-        Graveyard = reinterpret_cast<TKdsItem*>(dead->fOwner & ~TKdsItem::DeadBit);
+void TKdsTravelGuard::EmptyGraveyard() noexcept {
+    while (fGraveyard != nullptr) {
+        TKdsItem* const dead = fGraveyard;
+        fGraveyard = reinterpret_cast<TKdsItem*>(dead->fOwner & ~TKdsItem::DeadBit);
         delete dead;
     }
 }
@@ -40,14 +35,6 @@ void TKdsItem::Notify(TKdsAction action, TKdsItem* target, std::int32_t index) {
     TKdsTravelGuard guard;
     TNotification notification{this, action, target, index};
     Notify(&notification);
-}
-
-void TKdsItem::Notify(TNotification* notification) {
-    if (TKdsItem* const owner = Owner()) {
-        owner->Notify(notification);
-    } else {
-        Handle(notification);
-    }
 }
 
 void TKdsItem::Handle(TNotification*) {}
@@ -72,31 +59,12 @@ void TKdsItem::BeforeDestruction() {
 }
 
 void TKdsItem::Dispose() noexcept {
-    if (TravelDepth == 0) {
+    if (TKdsTravelGuard::fDepth == 0) {
         delete this;
         return;
     }
-    fOwner = reinterpret_cast<std::uintptr_t>(Graveyard) | DeadBit;
-    Graveyard = this;
-}
-
-// ---- Cursors ------------------------------------------------------------------------------
-
-TKdsListCursor::TKdsListCursor(TKdsList* list) noexcept
-    : fList(list), fBound(list->DoGetCount()), fOuter(list->fCursors) {
-    list->fCursors = this;
-}
-
-TKdsListCursor::~TKdsListCursor() {
-    if (fList == nullptr) return;
-    TKdsListCursor** link = &fList->fCursors;
-    while (*link != this) link = &(*link)->fOuter;
-    *link = fOuter;
-}
-
-TKdsItem* TKdsListCursor::Next() {
-    if (fList == nullptr || fNext >= std::min(fBound, fList->DoGetCount())) return nullptr;
-    return fList->DoGetItem(fNext++);
+    fOwner = reinterpret_cast<std::uintptr_t>(TKdsTravelGuard::fGraveyard) | DeadBit;
+    TKdsTravelGuard::fGraveyard = this;
 }
 
 // ---- TKdsList -----------------------------------------------------------------------------

@@ -90,10 +90,18 @@ private:
 // outermost guard of the thread is left.
 class TKdsTravelGuard {
 public:
-    TKdsTravelGuard() noexcept;
-    ~TKdsTravelGuard();
+    TKdsTravelGuard() noexcept { ++fDepth; }
+    ~TKdsTravelGuard() {
+        if (--fDepth == 0 && fGraveyard != nullptr) EmptyGraveyard();
+    }
     TKdsTravelGuard(const TKdsTravelGuard&) = delete;
     TKdsTravelGuard& operator=(const TKdsTravelGuard&) = delete;
+
+private:
+    friend class TKdsItem;
+    static void EmptyGraveyard() noexcept;
+    static inline constinit thread_local std::int32_t fDepth = 0;
+    static inline constinit thread_local TKdsItem* fGraveyard = nullptr;
 };
 
 class TKdsItem : public TObject {
@@ -105,7 +113,13 @@ public:
     [[nodiscard]] virtual TKdsSphere Sphere() const noexcept { return spData; }
     // Fills a notification with this item as its sender and sends it up.
     void Notify(TKdsAction action, TKdsItem* target, std::int32_t index);
-    virtual void Notify(TNotification* notification);
+    virtual void Notify(TNotification* notification) {
+        if (TKdsItem* const owner = Owner()) {
+            owner->Notify(notification);
+        } else {
+            Handle(notification);
+        }
+    }
     virtual void Handle(TNotification* notification);
     // As every object; an error of a receiver that heard of the end too late to refuse it is
     // raised when the end is complete. Nothing for an item whose end is under way.
@@ -145,6 +159,8 @@ public:
     TKdsListCursor& operator=(const TKdsListCursor&) = delete;
     // The next element, nullptr at the end.
     [[nodiscard]] TKdsItem* Next();
+    // The same in a list that keeps its elements in its own array, as all do but that of records.
+    [[nodiscard]] TKdsItem* NextKept() noexcept;
 
 private:
     friend class TKdsList;
@@ -214,6 +230,10 @@ protected:
 
     using TRelease = void (*)(void* holder) noexcept;
     virtual void InsertItem(std::int32_t index, TKdsItem* item, TRelease release, void* holder);
+    template <typename T>
+    static void ReleaseHolder(void* holder) noexcept {
+        (void)static_cast<TOwned<T>*>(holder)->release();
+    }
     [[noreturn]] void RaiseFull() const;
     static void ClearOwner(TKdsItem* item) noexcept { item->SetOwner(nullptr); }
     void TakeOwnership(TKdsItem* item) noexcept { item->SetOwner(this); }
@@ -238,15 +258,33 @@ protected:
 private:
     friend class TKdsListCursor;
     friend class TKdsListEnumerator;
-    template <typename T>
-    static void ReleaseHolder(void* holder) noexcept {
-        (void)static_cast<TOwned<T>*>(holder)->release();
-    }
     void RemoveDestroyed(TKdsItem* sender);
 
     TKdsListCursor* fCursors = nullptr;
     TKdsListEnumerator* fEnumerators = nullptr;
 };
+
+inline TKdsListCursor::TKdsListCursor(TKdsList* list) noexcept
+    : fList(list), fBound(list->DoGetCount()), fOuter(list->fCursors) {
+    list->fCursors = this;
+}
+
+inline TKdsListCursor::~TKdsListCursor() {
+    if (fList == nullptr) return;
+    TKdsListCursor** link = &fList->fCursors;
+    while (*link != this) link = &(*link)->fOuter;
+    *link = fOuter;
+}
+
+inline TKdsItem* TKdsListCursor::Next() {
+    if (fList == nullptr || fNext >= fBound || fNext >= fList->DoGetCount()) return nullptr;
+    return fList->DoGetItem(fNext++);
+}
+
+inline TKdsItem* TKdsListCursor::NextKept() noexcept {
+    if (fList == nullptr || fNext >= fBound || fNext >= fList->fCount) return nullptr;
+    return fList->fItems[static_cast<std::size_t>(fNext++)];
+}
 
 // Walks a list forward or in reverse. A reverse walk starts at the count of its creation.
 class TKdsListEnumerator final : public IInterface {

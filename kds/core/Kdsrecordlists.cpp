@@ -104,7 +104,7 @@ TKdsRecord* TKdsTableRecordList::Find(std::span<const TVariant> values) {
 
 void TKdsTableRecordList::InsertItem(std::int32_t index, TKdsItem* item, TRelease release,
                                      void* holder) {
-    CheckInsert(index, item);
+    if (item == nullptr || index < 0 || index > fItems.Count()) CheckInsert(index, item);
     if (typeid(*item) != typeid(TKdsRecord)) {
         throw EInvalidArgument(u"A record list takes records only");
     }
@@ -115,14 +115,17 @@ void TKdsTableRecordList::InsertItem(std::int32_t index, TKdsItem* item, TReleas
     TKdsChangeBracket bracket(fTable);
     TFirstError errors;
     {
+        // The bracket's guard covers both: they are sent without one of their own.
         TKdsTravelScope travel(fTable);
         fTable->ApproachPlaces(record, TKdsApproach::Entering);
-        Notify(acPrepareInsert, record, index);
+        TNotification prepare{this, acPrepareInsert, record, index};
+        PassPrepareInsert(&prepare);
         fTable->ReservePlaces(record);
         DoInsert(index, record);
         release(holder);
         TakeOwnership(record);
-        errors.Run([&] { Notify(acConfirmInsert, record, index); });
+        TNotification confirm{this, acConfirmInsert, record, index};
+        PassConfirmInsert(&confirm, errors);
     }
     bracket.Close(errors);
     errors.Rethrow();
@@ -187,21 +190,34 @@ void TKdsTableRecordList::Clear() {
 
 // ---- Notifications ------------------------------------------------------------------------
 
+void TKdsTableRecordList::PassPrepareInsert(TNotification* notification) {
+    auto* const record = static_cast<TKdsRecord*>(notification->Target);
+    if (record->RowID() != NoRowID && HoldsRowID(record->RowID())) {
+        KdsError(u"CannotInsertRecord");
+    }
+    record->PrepareInsert();
+    TKdsItem::Notify(notification);
+}
+
+void TKdsTableRecordList::PassConfirmInsert(TNotification* notification, TFirstError& errors) {
+    auto* const record = static_cast<TKdsRecord*>(notification->Target);
+    ConfirmPlace(record, notification->Index);
+    errors.Run([&] { record->ConfirmInsert(); });
+    errors.Run([&] { TKdsItem::Notify(notification); });
+}
+
 void TKdsTableRecordList::Notify(TNotification* notification) {
     auto* const record = static_cast<TKdsRecord*>(notification->Target);
     TKdsSteps steps(notification);
     if (notification->Sender == this) {
         switch (notification->Action) {
-            case acPrepareInsert:
-                if (record->RowID() != NoRowID && HoldsRowID(record->RowID())) {
-                    KdsError(u"CannotInsertRecord");
-                }
-                record->PrepareInsert();
-                break;
-            case acConfirmInsert:
-                ConfirmPlace(record, notification->Index);
-                steps.Run([&] { record->ConfirmInsert(); });
-                break;
+            case acPrepareInsert: PassPrepareInsert(notification); return;
+            case acConfirmInsert: {
+                TFirstError errors;
+                PassConfirmInsert(notification, errors);
+                errors.Rethrow();
+                return;
+            }
             case acPrepareDelete: record->PrepareDelete(); break;
             case acConfirmDelete:
                 if (fItems.Count() <= 1) fOrder = rloRowID;

@@ -45,7 +45,11 @@ using enum TKdsRecordListOrder;
 class TKdsTableRecordList final : public TKdsRecordList {
 public:
     // Takes the row when the table has accepted it; a refused row raises and is still the caller's.
-    TKdsRecord* Add(TOwned<TKdsRecord>&& record) { return Append(std::move(record)); }
+    TKdsRecord* Add(TOwned<TKdsRecord>&& record) {
+        TKdsRecord* const kept = record.get();
+        InsertItem(fItems.Count(), kept, &ReleaseHolder<TKdsRecord>, &record);
+        return kept;
+    }
     // By the values of the primary key, in key order; nullptr without a key or a match. Fewer
     // values than the key has columns mean the first row that begins with them.
     [[nodiscard]] TKdsRecord* Find(std::span<const TVariant> values);
@@ -105,6 +109,8 @@ private:
     void TakeOut(std::int32_t index, TOwned<TKdsRecord>* keeper, bool bury);
     void RemoveDying(TKdsRecord* record);
     [[nodiscard]] bool HoldsRowID(std::uint32_t rowID) const;
+    void PassPrepareInsert(TNotification* notification);
+    void PassConfirmInsert(TNotification* notification, TFirstError& errors);
     void ConfirmPlace(TKdsRecord* record, std::int32_t index);
 
     TUnrolledSkipList fItems;

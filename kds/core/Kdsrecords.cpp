@@ -77,31 +77,7 @@ void TKdsRecord::LeaveForced() {
     if (fRowState == rsRegular && fTable != nullptr) fTable->CompactBuffer(this);
 }
 
-void TKdsRecord::CheckState(TKdsRecordStates states, bool expected, std::u16string_view key) const {
-    if (states.Has(fRowState) != expected) KdsError(key);
-}
-
-std::byte* TKdsRecord::CheckWrite(const TKdsColumn* column) {
-    CheckColumn(column);
-    if (fTable->Status() == mtsRegular || fTable->Status() == mtsUploads) {
-        CheckState({rsDetached, rsEditing, rsDefaults, rsCalculate, rsForced}, true,
-                   u"CannotModifyRecord");
-        if (column->ReadOnly() &&
-            !TKdsRecordStates{rsDefaults, rsCalculate, rsForced}.Has(fRowState)) {
-            KdsError(u"ColumnReadonly", {column->Name()});
-        }
-    }
-    return const_cast<std::byte*>(FindBuffer());
-}
-
-const std::byte* TKdsRecord::FindBuffer() const {
-    return EffectiveState() == rsRegular ? fBuffer.Original : fBuffer.Proposed;
-}
-
-std::byte* TKdsRecord::WritableBuffer(const TKdsSlot& slot) {
-    if (MovesForWrite(slot)) ExpandBuffer();
-    return EffectiveState() == rsRegular ? fBuffer.Original : fBuffer.Proposed;
-}
+void TKdsRecord::RaiseState(std::u16string_view key) { KdsError(key); }
 
 void TKdsRecord::ExpandBuffer() {
     fTable->ExpandBuffer(EffectiveState() == rsRegular ? fBuffer.Original : fBuffer.Proposed);
@@ -111,16 +87,19 @@ void TKdsRecord::ExpandBuffer() {
 void TKdsRecord::CheckConstraints(TKdsRecordState state) {
     if (fTable == nullptr) KdsError(u"RecordStateInvalid");
     if (state != rsRegular) return;
+    CheckNotNull();
+    fTable->CheckUniqueViews(this);
+}
+
+void TKdsRecord::CheckNotNull() const {
     const std::byte* const buffer = FindBuffer();
     const TKdsLayout& layout = fTable->Layout();
-    if (layout.HasNotNullGap(buffer)) {
-        for (const TKdsColumn* const column : *fTable->Columns()) {
-            if (!column->AllowNull() && !layout.Slot(column->Index()).HasValue(buffer)) {
-                KdsError(u"ColumnNotNull", {fTable->Name(), column->Name()});
-            }
+    if (!layout.HasNotNullGap(buffer)) return;
+    for (const TKdsColumn* const column : *fTable->Columns()) {
+        if (!column->AllowNull() && !layout.Slot(column->Index()).HasValue(buffer)) {
+            KdsError(u"ColumnNotNull", {fTable->Name(), column->Name()});
         }
     }
-    fTable->CheckUniqueViews(this);
 }
 
 // ---- Insert -------------------------------------------------------------------------------
@@ -145,10 +124,12 @@ void TKdsRecord::ConfirmInsert() {
     }
     const TKdsOccurences occurences = fTable->Columns()->Occurences();
     TFirstError errors;
-    if (occurences.Has(coCalculated) && fTable->Status() != mtsMassive) {
-        errors.Run([&] { CalculateColumns(true); });
+    if (occurences.HasAny({coCalculated, coAutoInc})) {
+        if (occurences.Has(coCalculated) && fTable->Status() != mtsMassive) {
+            errors.Run([&] { CalculateColumns(true); });
+        }
+        if (occurences.Has(coAutoInc)) errors.Run([&] { fTable->FollowAutoIncrement(this); });
     }
-    if (occurences.Has(coAutoInc)) errors.Run([&] { fTable->FollowAutoIncrement(this); });
     fTable->Untrack(this);
     fBuffer.Original = std::exchange(fBuffer.Proposed, nullptr);
     Become(rsRegular);
@@ -171,11 +152,18 @@ void TKdsRecord::Post() {
     TKdsTable* const table = fTable;
     table->CheckNotBusy();
     TKdsChangeBracket bracket(table);
-    CheckConstraints(rsRegular);
-    table->ReservePlaces(this);
-    if (table->Columns()->Occurences().Has(coCalculated)) CalculateColumns(false);
-    table->FindChanges(fBuffer.Original, fBuffer.Proposed);
-    table->ApproachPlaces(this, TKdsApproach::Moving);
+    const bool isQuiet = table->IsQuietPost(fBuffer.Original, fBuffer.Proposed);
+    if (isQuiet) {
+        CheckNotNull();
+    } else {
+        CheckConstraints(rsRegular);
+        table->ReservePlaces(this);
+        // What is calculated changes the edit: nothing fails behind it.
+        table->ReserveChanges();
+        if (table->Columns()->Occurences().Has(coCalculated)) CalculateColumns(false);
+        table->FindChanges(fBuffer.Original, fBuffer.Proposed);
+        table->ApproachPlaces(this, TKdsApproach::Moving);
+    }
     table->fPosting = this;
     std::swap(fBuffer.Original, fBuffer.Proposed);
     Become(rsRegular);
@@ -183,7 +171,10 @@ void TKdsRecord::Post() {
     TFirstError errors;
     {
         TKdsTravelScope travel(table);
-        errors.Run([&] { Notify(acConfirmUpdate, nullptr, 0); });
+        TNotification confirm{this, acConfirmUpdate, nullptr, 0};
+        if (isQuiet) table->fQuietPost = this;
+        errors.Run([&] { TKdsItem::Notify(&confirm); });
+        table->fQuietPost = nullptr;
     }
     fOldState = rsRegular;
     table->FreeBuffer(this, std::exchange(fBuffer.Proposed, nullptr));

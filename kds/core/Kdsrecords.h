@@ -142,10 +142,19 @@ public:
     void SwitchState(TKdsRecordState state);
     void EnterForced() { SwitchState(rsForced); }
     void LeaveForced();
-    void CheckState(TKdsRecordStates states, bool expected, std::u16string_view key) const;
+    void CheckState(TKdsRecordStates states, bool expected, std::u16string_view key) const {
+        if (states.Has(fRowState) != expected) RaiseState(key);
+    }
+    // A literal is measured only when it is raised: the compiler would do it before the test.
+    template <std::size_t N>
+    void CheckState(TKdsRecordStates states, bool expected, const char16_t (&key)[N]) const {
+        if (states.Has(fRowState) != expected) RaiseState({key, N - 1});
+    }
     std::byte* CheckWrite(const TKdsColumn* column);
     void CheckConstraints(TKdsRecordState state);
-    [[nodiscard]] const std::byte* FindBuffer() const;
+    [[nodiscard]] const std::byte* FindBuffer() const noexcept {
+        return EffectiveState() == rsRegular ? fBuffer.Original : fBuffer.Proposed;
+    }
 
     // ---- Values ----
     // Whether the column has a value; a text's size is in characters.
@@ -222,6 +231,12 @@ public:
         __builtin_prefetch(&fBuffer);
         __builtin_prefetch(this + 1);
     }
+    // The same for all of a row of usual size, before the record itself is looked at.
+    void PrefetchWhole() const noexcept {
+        constexpr std::ptrdiff_t line = 64;
+        const auto* const block = reinterpret_cast<const std::byte*>(this);
+        for (std::ptrdiff_t i = 0; i < 3; ++i) __builtin_prefetch(block + i * line);
+    }
     // Where a search key's values lie: edited or being built, else posted.
     [[nodiscard]] const std::byte* KeyBuffer() const { return FindBuffer(); }
     // While Post's notification travels, the values before it.
@@ -266,7 +281,10 @@ private:
     [[nodiscard]] TKdsColumn* ColumnBy(std::u16string_view name) const;
     void CheckColumn(const TKdsColumn* column) const;
     // Resident, never nullptr, and with room for this column.
-    [[nodiscard]] std::byte* WritableBuffer(const TKdsSlot& slot);
+    [[nodiscard]] std::byte* WritableBuffer(const TKdsSlot& slot) {
+        if (MovesForWrite(slot)) ExpandBuffer();
+        return EffectiveState() == rsRegular ? fBuffer.Original : fBuffer.Proposed;
+    }
     // Whether making room moves the buffer: it ends behind its last value. Delayed columns always
     // have room, so that a read that calculates them moves nothing.
     [[nodiscard]] bool MovesForWrite(const TKdsSlot& slot) const noexcept {
@@ -274,6 +292,8 @@ private:
                EffectiveState() != rsEditing;
     }
     void ExpandBuffer();
+
+    void CheckNotNull() const;
 
     // Called by the record list's notifications.
     void PrepareInsert();
@@ -288,6 +308,9 @@ private:
     void RefreshDelayed(const TKdsColumn* column, const TKdsSlot& slot);
     bool ReadComputed(const TKdsColumn* column, TKdsScratch& scratch, TKdsValue& value);
     static bool ReadSlot(const TKdsSlot& slot, const std::byte* buffer, TKdsValue& value) noexcept;
+    // Apart, so that the usual write saves no registers for it.
+    [[gnu::noinline]] void SetChecked(const TKdsColumn* column, const void* data,
+                                      std::int32_t size);
     void StoreValue(const TKdsColumn* column, const void* data, std::int32_t size);
     void StoreText(const TKdsColumn* column, const TKdsSlot& slot, const void* data,
                    std::int32_t size);
@@ -296,6 +319,7 @@ private:
     void StoreVariant(const TKdsColumn* column, const TVariant& value);
     void StoreNull(const TKdsColumn* column);
     void BringHome() noexcept;
+    [[noreturn]] static void RaiseState(std::u16string_view key);
     [[noreturn]] static void RaiseMismatch(const TKdsColumn* column, std::u16string_view key);
     [[noreturn]] static void RaiseNotRaw();
 

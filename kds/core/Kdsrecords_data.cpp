@@ -172,7 +172,62 @@ bool TKdsRecord::GetIsNullC(const TKdsColumn* column) {
 
 // ---- Writing ------------------------------------------------------------------------------
 
+std::byte* TKdsRecord::CheckWrite(const TKdsColumn* column) {
+    CheckColumn(column);
+    if (fTable->Status() == mtsRegular || fTable->Status() == mtsUploads) {
+        CheckState({rsDetached, rsEditing, rsDefaults, rsCalculate, rsForced}, true,
+                   u"CannotModifyRecord");
+        if (column->ReadOnly() &&
+            !TKdsRecordStates{rsDefaults, rsCalculate, rsForced}.Has(fRowState)) {
+            KdsError(u"ColumnReadonly", {column->Name()});
+        }
+    }
+    return const_cast<std::byte*>(FindBuffer());
+}
+
+namespace {
+
+// Numbers of any stored size; a call of memcpy would cost more than the copy.
+void CopyNumber(std::byte* target, const void* data, std::int32_t size) noexcept {
+    switch (size) {
+        case 8: StoreRaw(target, LoadRaw<std::uint64_t>(data)); return;
+        case 4: StoreRaw(target, LoadRaw<std::uint32_t>(data)); return;
+        case 2: StoreRaw(target, LoadRaw<std::uint16_t>(data)); return;
+        case 1: StoreRaw(target, LoadRaw<std::uint8_t>(data)); return;
+        default: std::memmove(target, data, static_cast<std::size_t>(size)); return;
+    }
+}
+
+}  // namespace
+
+// Most writes set a number or a text of a column that may be written, in a row that is being built
+// or edited: nothing is checked twice for them, and they are done without a further call.
 void TKdsRecord::SetDataP(const TKdsColumn* column, const void* data, std::int32_t size) {
+    const bool isOpen = (fRowState == rsDetached || fRowState == rsEditing) &&
+                        (fRowFlags & CompactBit) == 0 && fTable != nullptr;
+    if (isOpen && column != nullptr && column->Owner() == fTable->Columns() &&
+        !column->ReadOnly() && data != nullptr) {
+        const TKdsSlot& slot = fTable->Layout().Slot(column->Index());
+        std::byte* const target = fBuffer.Proposed + slot.Offset;
+        if (slot.Kind == skPlain && size == slot.Size && !IsTextType(slot.Type) &&
+            (size == 8 || size == 4)) {
+            if (size == 8) {
+                StoreRaw(target, LoadRaw<std::uint64_t>(data));
+            } else {
+                StoreRaw(target, LoadRaw<std::uint32_t>(data));
+            }
+            slot.MarkValue(fBuffer.Proposed);
+            return;
+        }
+        if (slot.Kind == skPlain && IsTextType(slot.Type)) {
+            StoreText(column, slot, data, size);
+            return;
+        }
+    }
+    SetChecked(column, data, size);
+}
+
+void TKdsRecord::SetChecked(const TKdsColumn* column, const void* data, std::int32_t size) {
     CheckWrite(column);
     StoreValue(column, data, size);
 }
@@ -198,9 +253,12 @@ void TKdsRecord::StoreValue(const TKdsColumn* column, const void* data, std::int
     }
     if (size != slot.Size) RaiseMismatch(column, u"DataBufferMismatch");
     std::byte raw[16];
-    std::memcpy(raw, data, static_cast<std::size_t>(size));  // it may lie in this very buffer
+    if (MovesForWrite(slot)) {  // the value may lie in the buffer that goes
+        CopyNumber(raw, data, size);
+        data = raw;
+    }
     std::byte* const buffer = WritableBuffer(slot);
-    std::memcpy(buffer + slot.Offset, raw, static_cast<std::size_t>(size));
+    CopyNumber(buffer + slot.Offset, data, size);
     slot.MarkValue(buffer);
 }
 
@@ -211,10 +269,11 @@ void TKdsRecord::StoreText(const TKdsColumn* column, const TKdsSlot& slot, const
     const std::size_t bytes =
         static_cast<std::size_t>(size) * (slot.Type == dtWideString ? sizeof(char16_t) : 1);
     // Making a compact buffer full-size would move the source under our feet.
-    std::string copy;
     if (MovesForWrite(slot)) {
-        copy.assign(static_cast<const char*>(data), bytes);
-        data = copy.data();
+        const std::string copy(static_cast<const char*>(data), bytes);
+        ExpandBuffer();
+        StoreText(column, slot, copy.data(), size);
+        return;
     }
     std::byte* const buffer = WritableBuffer(slot);
     std::byte* const target = buffer + slot.Offset;

@@ -46,6 +46,7 @@ TKdsStore::~TKdsStore() = default;
 
 TKdsStore* TKdsStore::Create(std::u16string_view name) {
     TOwned<TKdsStore> store(new TKdsStore(name));
+    store->fIsPlain = true;
     return Stores()->Append(std::move(store));
 }
 

@@ -47,6 +47,8 @@ public:
     [[nodiscard]] TKdsStringManager* Strings() const noexcept { return fStrings.get(); }
     [[nodiscard]] TKdsVisibility Visibility() const noexcept { return fVisibility; }
     void SetVisibility(TKdsVisibility value);
+    // Of this very class, so that notifications of data, which end here, need not come at all.
+    [[nodiscard]] bool IsPlain() const noexcept { return fIsPlain; }
     void Clear();  // empties every table and keeps it
     void Reset();  // removes every table
     using TKdsName::Notify;
@@ -65,6 +67,7 @@ private:
     TOwned<TKdsTableList> fTables;
     TOwned<TKdsStringManager> fStrings;
     TKdsVisibility fVisibility = viRegular;
+    bool fIsPlain = false;
 };
 
 class TKdsTableList final : public TKdsNameList {

@@ -168,9 +168,22 @@ void TKdsTable::FollowAutoIncrement(TKdsRecord* record) {
 
 // ---- Notifications ------------------------------------------------------------------------
 
-void TKdsTable::Notify(TNotification* notification) {
-    if (notification->Sender->Sphere() != spData || !notification->Stands()) {
+// Data upwards from the table. A list of tables has no part in them, and in its store they end.
+void TKdsTable::Climb(TNotification* notification) {
+    if (fStore != nullptr && Owner() == fStore->Tables()) {
+        if (!fStore->IsPlain()) fStore->Notify(notification);
+    } else {
         TKdsName::Notify(notification);
+    }
+}
+
+void TKdsTable::Notify(TNotification* notification) {
+    if (!IsOfData(*notification)) {
+        TKdsName::Notify(notification);
+        return;
+    }
+    if (!notification->Stands()) {
+        Climb(notification);
         return;
     }
     TKdsSteps steps(notification);
@@ -180,11 +193,17 @@ void TKdsTable::Notify(TNotification* notification) {
     if (notification->Action == acConfirmDelete || notification->Action == acConfirmUpdate) {
         fKeyFailed = false;  // the rows may fit the key now
     }
-    if (fViews != nullptr) steps.Run([&] { fViews->Handle(notification); });
+    if (fViews != nullptr && !SkipsViews(*notification)) {
+        if (fQuietPost != nullptr) {
+            const TKdsBuffer& buffer = std::exchange(fQuietPost, nullptr)->fBuffer;
+            FindChanges(buffer.Proposed, buffer.Original);
+        }
+        steps.Run([&] { fViews->Handle(notification); });
+    }
     if (notification->Action == acConfirmDelete && !fDeacons.empty()) {
         steps.Run([&] { NotifyDeacons(static_cast<TKdsRecord*>(notification->Target)); });
     }
-    steps.Run([&] { TKdsName::Notify(notification); });
+    steps.Run([&] { Climb(notification); });
     steps.Finish();
 }
 
@@ -262,6 +281,7 @@ const char* TKdsTable::Inconsistency() const {
     if (!fColumns->IsConsistent()) return "columns, name index or layout";
     if (!fRecords->IsConsistent()) return "record list";
     if (fBusy != 0 || fBracket != 0 || fTravels != 0) return "an open change";
+    if (fWatch.Known && !(fWatch == LookAtViews())) return "what the views look at";
     if (fStagedEvents != 0 || !fEvents.empty() || !fDead.empty()) return "events left over";
     for (std::size_t i = 0; i < fDetached.size(); ++i) {
         const TKdsRecord* const record = fDetached[i];

@@ -9,7 +9,9 @@
 // Errors     EKdsError with the messages of the catalogue; a refused operation changes nothing.
 //            An error of a receiver that hears a change which stands (a view that cannot build,
 //            a link) is raised when the operation is complete.
-// Cost       Insert, Post and Delete O(log n) for the key and for each view whose order is touched.
+// Cost       Insert, Post and Delete O(log n) for the key and for each view whose order is touched;
+//            a post that touches none costs the same however many views there are, as long as none
+//            has links or a routine of the host.
 // Validity   Records live until deleted; detached records may outlive the table and then only
 //            raise RecordStateInvalid.
 // Threads    A store and everything in it is used by one thread at a time.
@@ -181,7 +183,12 @@ public:
     [[nodiscard]] const char* Inconsistency() const;
 
     // ---- For the library ----
+    [[nodiscard]] bool IsOfData(const TNotification& notification) const noexcept {
+        return notification.Sender == fRecords.get() || notification.Sender->Sphere() == spData;
+    }
     void CheckRestructure();
+    // What the views look at has changed: which of them care for a post is to be found out anew.
+    void ViewsChanged() noexcept { fWatch.Known = false; }
     void LayoutChanged() noexcept;
     // Host callbacks run inside the engine: rows and views must stay as they are.
     [[nodiscard]] bool IsBusy() const noexcept { return fBusy > 0; }
@@ -239,6 +246,12 @@ private:
     // ---- Buffers ----
     [[nodiscard]] TSlab& Slab();
     [[nodiscard]] bool KeepsHome() const noexcept { return !fOptions.Has(mtoStripNulls); }
+    // Of a full-size buffer: whole words, so that it can be compared by them.
+    [[nodiscard]] std::size_t BufferRoom() const noexcept {
+        constexpr std::size_t step = sizeof(std::uint64_t);
+        return (static_cast<std::size_t>(Layout().RecordSize()) + step - 1) / step * step;
+    }
+    [[nodiscard]] std::byte* TakeBuffer();
     [[nodiscard]] std::byte* InitBuffer();
     void FreeBuffer(TKdsRecord* record, std::byte* buffer) noexcept;
     void GiveBack(std::byte* buffer) noexcept;
@@ -249,7 +262,10 @@ private:
     void ReleaseReferences(std::byte* buffer) noexcept;
     // ---- Detached rows ----
     void Track(TKdsRecord* record);
-    void ReserveTrack();
+    void ReserveTrack() {
+        if (fDetached.size() == fDetached.capacity()) GrowTrack();
+    }
+    void GrowTrack();
     void ReserveDead();
     // For as many deletions as there are rows; for all that Clear does.
     void ReserveDeaths();
@@ -258,11 +274,40 @@ private:
     [[nodiscard]] bool MayBury() const noexcept {
         return !fDelivers && fQueuedOrigins == 0 && fTravels == 0;
     }
-    void Untrack(TKdsRecord* record) noexcept;
+    void Untrack(TKdsRecord* record) noexcept {
+        const auto slot = static_cast<std::size_t>(record->fBuffer.DetachedSlot);
+        fDetached[slot] = fDetached.back();
+        fDetached[slot]->fBuffer.DetachedSlot = record->fBuffer.DetachedSlot;
+        fDetached.pop_back();
+    }
     void DropLocator() noexcept;
     void ReleaseDetached() noexcept;
     // ---- Changes ----
+    void ReserveChanges() { fChanged.Reset(Layout().ColumnCount()); }
     void FindChanges(const std::byte* before, const std::byte* after);
+    // What all views together look at when a row is posted: some of them at everything, or these
+    // bits of a buffer at most. Not known until the next post once ViewsChanged has been called.
+    struct TWatch {
+        struct TWord {
+            std::int32_t Offset;
+            std::uint64_t Bits;
+            friend bool operator==(const TWord&, const TWord&) = default;
+        };
+        bool Known = false;
+        bool All = false;
+        std::vector<TWord> Words;
+        friend bool operator==(const TWatch&, const TWatch&) = default;
+    };
+    [[nodiscard]] TWatch LookAtViews() const;
+    // Whether a post moves no row in any view, breaks no key and is nobody else's business.
+    [[nodiscard]] bool IsQuietPost(const std::byte* before, const std::byte* after);
+    // Whether the views may be left out of a notification: that of such a post, and nobody who
+    // heard of it before has changed what they look at.
+    [[nodiscard]] bool SkipsViews(const TNotification& notification) const noexcept {
+        return notification.Sender == fQuietPost && notification.Action == acConfirmUpdate &&
+               fWatch.Known && fStatus == mtsRegular && fStagedEvents == 0;
+    }
+    void Climb(TNotification* notification);
     void CheckUniqueViews(TKdsRecord* record);
     void ReservePlaces(const TKdsRecord* record);
     void ApproachPlaces(const TKdsRecord* record, TKdsApproach way);
@@ -314,6 +359,8 @@ private:
     std::vector<TKdsRecord*> fDead;  // deleted in the open bracket, whole until it closes
     std::vector<TKdsQueuedEvent> fEvents;
     TKdsColumnMask fChanged;
+    TWatch fWatch;
+    TKdsRecord* fQuietPost = nullptr;  // while the notification of such a post travels
     std::int32_t fBusy = 0;
     std::int32_t fTravels = 0;
     std::int32_t fBracket = 0;
@@ -405,6 +452,9 @@ public:
     ~TKdsEdit();
     void Post();
     TKdsRecord* operator->() const noexcept { return fRecord; }
+
+private:
+    static TKdsTable* TableOf(TKdsRecord* record) noexcept;
 };
 
 // A load bracket. Leave raises what the rebuilt views have to say; the destructor does not.

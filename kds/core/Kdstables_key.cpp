@@ -65,7 +65,6 @@ void TKdsTable::ReservePlaces(const TKdsRecord* record) {
     for (TKdsView* const view : *fViews) {
         if (view->Actual()) view->Storage()->Reserve(rowID);
     }
-    fChanged.Reset(Layout().ColumnCount());
     ReserveEvents(1);
 }
 
@@ -90,6 +89,73 @@ void TKdsTable::ApproachPlaces(const TKdsRecord* record, TKdsApproach way) {
     }
 }
 
+// Taken together once, so that a post that changes nothing they look at costs the same however
+// many there are. What has a routine of the host or links is asked each time, and so is a view of
+// a class of the host's, which may do anything.
+TKdsTable::TWatch TKdsTable::LookAtViews() const {
+    TWatch watch;
+    watch.Known = true;
+    std::vector<std::byte> bits(BufferRoom());
+    const auto include = [&](std::int32_t offset, std::int32_t size) {
+        std::fill_n(bits.begin() + offset, size, std::byte{0xff});
+    };
+    for (const TKdsView* const view : *fViews) {
+        if (view->NeedsEveryPost()) watch.All = true;
+        if (view->GetSortMode() != omOrder) continue;
+        for (std::int32_t i = 0; i < view->Plan().Count(); ++i) {
+            const TKdsSlot& slot = view->Plan().Part(i).Slot;
+            // Values whose bytes do not tell whether they have changed.
+            if (slot.Kind == skComputed || slot.Kind == skCustom || slot.StampOffset >= 0) {
+                watch.All = true;
+                continue;
+            }
+            include(slot.Offset, slot.Size);
+            std::byte* const nulls = bits.data() + slot.NullOffset;
+            StoreRaw(nulls, LoadRaw<std::uint32_t>(nulls) | slot.NullMask);
+        }
+    }
+    constexpr std::size_t step = sizeof(std::uint64_t);
+    for (std::size_t offset = 0; offset < bits.size(); offset += step) {
+        const auto word = LoadRaw<std::uint64_t>(bits.data() + offset);
+        if (word != 0) watch.Words.push_back({static_cast<std::int32_t>(offset), word});
+    }
+    return watch;
+}
+
+bool TKdsTable::IsQuietPost(const std::byte* before, const std::byte* after) {
+    // A buffer that is cut behind its last value cannot be read by words.
+    if (fStatus != mtsRegular || !KeepsHome() || fColumns->Occurences().Has(coCalculated)) {
+        return false;
+    }
+    if (fPrimaryView != nullptr && !(fPrimaryView->Actual() && fPrimaryView->IsDistinct())) {
+        return false;
+    }
+    if (!fWatch.Known) {
+        fWatch = LookAtViews();
+        // Should somebody change the views on the way, what the post has changed is found out then.
+        ReserveChanges();
+    }
+    if (fWatch.All) return false;
+    std::uint64_t changed = 0;
+    for (const TWatch::TWord& word : fWatch.Words) {
+        changed |= word.Bits & (LoadRaw<std::uint64_t>(before + word.Offset) ^
+                                LoadRaw<std::uint64_t>(after + word.Offset));
+    }
+    return changed == 0;
+}
+
+namespace {
+
+bool SameBytes(const std::byte* a, const std::byte* b, std::int32_t size) noexcept {
+    switch (size) {
+        case 4: return LoadRaw<std::uint32_t>(a) == LoadRaw<std::uint32_t>(b);
+        case 8: return LoadRaw<std::uint64_t>(a) == LoadRaw<std::uint64_t>(b);
+        default: return std::memcmp(a, b, static_cast<std::size_t>(size)) == 0;
+    }
+}
+
+}  // namespace
+
 void TKdsTable::FindChanges(const std::byte* before, const std::byte* after) {
     const TKdsLayout& layout = Layout();
     fChanged.Reset(layout.ColumnCount());
@@ -104,9 +170,8 @@ void TKdsTable::FindChanges(const std::byte* before, const std::byte* after) {
                 changed = slot.Kind == skMemo
                               ? TAnsiString::View(LoadRaw<void*>(before + slot.Offset)) !=
                                     TAnsiString::View(LoadRaw<void*>(after + slot.Offset))
-                              : slot.Kind == skCustom ||
-                                    std::memcmp(before + slot.Offset, after + slot.Offset,
-                                                static_cast<std::size_t>(slot.Size)) != 0;
+                              : slot.Kind == skCustom || !SameBytes(before + slot.Offset,
+                                                                    after + slot.Offset, slot.Size);
             }
         }
         if (changed) fChanged.Include(i);

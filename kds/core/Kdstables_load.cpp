@@ -14,18 +14,21 @@ namespace kds {
 
 TSlab& TKdsTable::Slab() {
     if (fSlab == nullptr) {
-        const std::size_t home =
-            KeepsHome() ? static_cast<std::size_t>(Layout().RecordSize()) : std::size_t{0};
+        const std::size_t home = KeepsHome() ? BufferRoom() : std::size_t{0};
         fSlab = TSlab::Create(sizeof(TKdsRecord) + home);
     }
     return *fSlab;
 }
 
+// Of full size and with anything in it.
+std::byte* TKdsTable::TakeBuffer() {
+    if (fSpareBuffer != nullptr) return std::exchange(fSpareBuffer, nullptr);
+    return static_cast<std::byte*>(::operator new(BufferRoom()));
+}
+
 std::byte* TKdsTable::InitBuffer() {
-    const auto size = static_cast<std::size_t>(Layout().RecordSize());
-    auto* const buffer = fSpareBuffer != nullptr ? std::exchange(fSpareBuffer, nullptr)
-                                                 : static_cast<std::byte*>(::operator new(size));
-    std::memset(buffer, 0, size);
+    std::byte* const buffer = TakeBuffer();
+    std::memset(buffer, 0, static_cast<std::size_t>(Layout().RecordSize()));
     return buffer;
 }
 
@@ -45,10 +48,12 @@ void TKdsTable::FreeBuffer(TKdsRecord* record, std::byte* buffer) noexcept {
 }
 
 std::byte* TKdsTable::CopyBuffer(const std::byte* source) {
-    std::byte* const copy = InitBuffer();
-    const std::int32_t used = KeepsHome() ? Layout().RecordSize() : Layout().CompactSize(source);
-    std::memcpy(copy, source, static_cast<std::size_t>(used));
-    RetainReferences(copy);
+    std::byte* const copy = TakeBuffer();
+    const auto size = static_cast<std::size_t>(Layout().RecordSize());
+    const auto used = KeepsHome() ? size : static_cast<std::size_t>(Layout().CompactSize(source));
+    std::memcpy(copy, source, used);
+    if (used < size) std::memset(copy + used, 0, size - used);
+    if (!Layout().ReferenceColumns().empty()) RetainReferences(copy);
     return copy;
 }
 
@@ -110,7 +115,7 @@ void ReserveMore(std::vector<T>& items, std::size_t count) {
 
 }  // namespace
 
-void TKdsTable::ReserveTrack() { ReserveMore(fDetached, 1); }
+void TKdsTable::GrowTrack() { ReserveMore(fDetached, 1); }
 
 void TKdsTable::ReserveDead() { ReserveMore(fDead, 1); }
 
@@ -131,13 +136,6 @@ void TKdsTable::Track(TKdsRecord* record) {
     ReserveTrack();
     record->fBuffer.DetachedSlot = static_cast<std::int64_t>(fDetached.size());
     fDetached.push_back(record);
-}
-
-void TKdsTable::Untrack(TKdsRecord* record) noexcept {
-    const auto slot = static_cast<std::size_t>(record->fBuffer.DetachedSlot);
-    fDetached[slot] = fDetached.back();
-    fDetached[slot]->fBuffer.DetachedSlot = record->fBuffer.DetachedSlot;
-    fDetached.pop_back();
 }
 
 TOwned<TKdsRecord> TKdsTable::TakeLocator() {
@@ -187,6 +185,7 @@ void TKdsTable::CheckRestructure() {
 }
 
 void TKdsTable::LayoutChanged() noexcept {
+    ViewsChanged();
     if (fSlab != nullptr) std::exchange(fSlab, nullptr)->Abandon();
     ::operator delete(std::exchange(fSpareBuffer, nullptr));
 }
@@ -266,7 +265,8 @@ void TKdsTable::Clear() {
 
 void TKdsTable::ReserveEvents(std::size_t each) {
     if (fViews != nullptr) {
-        ReserveMore(fEvents, each * static_cast<std::size_t>(fViews->Count() + 1));
+        ReserveMore(fEvents,
+                    each * (static_cast<std::size_t>(fViews->end() - fViews->begin()) + 1));
     }
 }
 
@@ -322,10 +322,15 @@ void TKdsTable::ForgetScopes() noexcept {
     }
 }
 
-TKdsEdit::TKdsEdit(TKdsRecord* record)
-    : TKdsTableScope(record == nullptr ? nullptr : record->Table()) {
+TKdsEdit::TKdsEdit(TKdsRecord* record) : TKdsTableScope(TableOf(record)) {
     record->Edit();
     fRecord = record;
+}
+
+TKdsTable* TKdsEdit::TableOf(TKdsRecord* record) noexcept {
+    if (record == nullptr) return nullptr;
+    record->PrefetchWhole();
+    return record->Table();
 }
 
 TKdsEdit::~TKdsEdit() {

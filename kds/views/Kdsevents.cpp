@@ -95,6 +95,7 @@ void TKdsView::AppendLink(TKdsViewLink* link) {
     if (fEnds) return;  // nobody would tell the link when the view has gone
     ReserveLink();
     fLinks.push_back(link);
+    if (fTable != nullptr) fTable->ViewsChanged();
     link->fView = this;
     if (link->Call() == ctAlways) ++fAlwaysCount;
 }
@@ -105,6 +106,7 @@ void TKdsView::RemoveLink(TKdsViewLink* link) {
     if (link->Call() == ctAlways) --fAlwaysCount;
     TLinkWalk::Removed(fLinkWalks, static_cast<std::size_t>(place - fLinks.begin()));
     fLinks.erase(place);
+    if (fTable != nullptr) fTable->ViewsChanged();
     link->fView = nullptr;
 }
 

@@ -41,6 +41,12 @@ void TKdsViewList::DoInsert(std::int32_t index, TKdsItem* item) {
         throw EInvalidArgument(u"The view belongs to another table");
     }
     TKdsActiveList::DoInsert(index, item);
+    fTable->ViewsChanged();
+}
+
+void TKdsViewList::DoDelete(std::int32_t index) {
+    TKdsActiveList::DoDelete(index);
+    fTable->ViewsChanged();
 }
 
 // While rows or their order are being read, the views that read them stay.
@@ -57,7 +63,12 @@ void TKdsViewList::Notify(TNotification* notification) {
 // All views have placed the record before any link hears of it.
 void TKdsViewList::Handle(TNotification* notification) {
     TKdsSteps steps(notification);
-    steps.Run([&] { TKdsActiveList::Handle(notification); });
+    {
+        TKdsListCursor cursor(this);
+        while (TKdsItem* const view = cursor.NextKept()) {
+            steps.Run([&] { view->Handle(notification); });
+        }
+    }
     if (fTable->TakeStagedEvents()) {
         TKdsChangeBracket bracket(fTable);
         TFirstError errors;

@@ -50,6 +50,9 @@ public:
             return *this;
         }
         friend bool operator==(TIterator, TIterator) = default;
+        friend std::ptrdiff_t operator-(TIterator a, TIterator b) noexcept {
+            return a.fPlace - b.fPlace;
+        }
 
     private:
         TKdsItem* const* fPlace;
@@ -59,6 +62,7 @@ public:
 
 protected:
     void DoInsert(std::int32_t index, TKdsItem* item) override;
+    void DoDelete(std::int32_t index) override;
 
 private:
     friend class TKdsTable;

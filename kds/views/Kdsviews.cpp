@@ -25,7 +25,9 @@ TKdsView::~TKdsView() = default;
 
 TOwned<TKdsView> TKdsView::Create(TKdsTable* table, std::u16string_view name) {
     if (table == nullptr) throw EInvalidArgument(u"A view needs a table");
-    return TOwned<TKdsView>(new TKdsView(table, name));
+    TOwned<TKdsView> view(new TKdsView(table, name));
+    view->fIsPlain = true;
+    return view;
 }
 
 void TKdsView::Teardown() noexcept {
@@ -62,6 +64,7 @@ void TKdsView::ChangeOption(TKdsViewLocking locked, F&& store) {
     if (fTable != nullptr) fTable->CheckNotBusy();
     TKdsTravelGuard guard;  // links hear of it, and may end the view
     store();
+    if (fTable != nullptr) fTable->ViewsChanged();
     if (!fActual) {
         Update();
         return;
@@ -294,8 +297,30 @@ void TKdsView::Search(TKdsRecord* record, TKdsOrderColumnList* columns, std::int
 bool TKdsView::HasEqual(TKdsRecord* record) {
     std::int32_t index = -1;
     bool found = false;
-    Search(record, nullptr, -1, {loNoKeyRow, loNearest}, index, found);
+    if (BelongsBehindLast(record)) {
+        index = Count();
+        fStorage->SetSearchHint(index);
+    } else {
+        Search(record, nullptr, -1, {loNoKeyRow, loNearest}, index, found);
+    }
+    fCheckedRecord = found ? nullptr : record;
+    fCheckedPlace = index;
     return found;
+}
+
+// Of a record that is no row yet: whether its key is beyond that of every row, as far as the row
+// that came in last tells.
+bool TKdsView::BelongsBehindLast(TKdsRecord* record) const {
+    if (fLastRow == nullptr || record->Owner() != nullptr) return false;
+    const TKdsOrderPlan* const plan = PlainPlan();
+    return plan != nullptr &&
+           plan->Compare(fLastRow->PostedBuffer(), record->KeyBuffer(), plan->Count(), {}) < 0;
+}
+
+const TKdsOrderPlan* TKdsView::PlainPlan() const {
+    if (fSorting != omOrder || fOnCompare) return nullptr;
+    const TKdsOrderPlan& plan = Plan();
+    return plan.IsPlain() ? &plan : nullptr;
 }
 
 TKdsRecord* TKdsView::Items(std::int32_t index) const {

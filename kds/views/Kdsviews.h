@@ -222,6 +222,10 @@ public:
     // No two rows have equal keys, as far as is known.
     [[nodiscard]] bool IsDistinct() const noexcept { return fDistinct; }
     [[nodiscard]] bool HasEqual(TKdsRecord* record);
+    // Whether a post that changes none of the order's columns concerns the view all the same.
+    [[nodiscard]] bool NeedsEveryPost() const noexcept {
+        return !fIsPlain || fOnAccept || fOnCompare || !fLinks.empty() || (Unique() && !fDistinct);
+    }
     [[nodiscard]] bool SameKey(const std::byte* a, const std::byte* b) const;
     [[nodiscard]] const TKdsOrderPlan& Plan() const;
     [[nodiscard]] TKdsOrderColumnList* CompareColumns() const noexcept {
@@ -277,6 +281,11 @@ private:
     [[nodiscard]] TPlace PlaceUpdated(TKdsRecord* record);
     [[nodiscard]] TPlace PlaceDeleted(TKdsRecord* record);
     [[nodiscard]] std::int32_t SearchPlace(TKdsRecord* record);
+    // Of an order that stored values alone decide; nullptr otherwise.
+    [[nodiscard]] const TKdsOrderPlan* PlainPlan() const;
+    [[nodiscard]] bool BelongsBehindLast(TKdsRecord* record) const;
+    [[nodiscard]] std::int32_t PlaceForNew(TKdsRecord* record);
+    void PlacedUnchecked() noexcept;
     [[nodiscard]] bool KeepsPlace() const;
 
     TOwned<TKdsOrderColumnList> fColumns;
@@ -304,10 +313,18 @@ private:
     TKdsCompareOptions fCompareOptions;
     TKdsComparer fOnCompare;
     TKdsViewStats fStats;
+    // What the key check of a row that is about to come in has found: no row is equal, and this
+    // is where it would stand.
+    const TKdsRecord* fCheckedRecord = nullptr;
+    std::int32_t fCheckedPlace = -1;
+    // When the latest change was a row that came in behind all others: this row. The next one may
+    // go there, too.
+    const TKdsRecord* fLastRow = nullptr;
     bool fDistinct = false;
     bool fAsleep = false;    // switched off by a change of its columns; its next use wakes it
     bool fEntering = false;  // being built on its way into the list
     bool fEnds = false;
+    bool fIsPlain = false;  // of this very class
 };
 
 }  // namespace kds

@@ -8,7 +8,7 @@ namespace kds {
 
 void TKdsView::Handle(TNotification* notification) {
     if (fTable == nullptr) return;
-    if (notification->Sender->Sphere() == spData) {
+    if (fTable->IsOfData(*notification)) {
         if (fActual && !fRebuilds) HandleData(notification);
     } else {
         HandleMeta(notification);
@@ -31,6 +31,8 @@ void TKdsView::HandleData(TNotification* notification) {
 void TKdsView::GiveUp() noexcept {
     fActual = false;
     fDistinct = false;
+    fLastRow = nullptr;
+    if (fTable != nullptr) fTable->ViewsChanged();
     fStorage->Clear();
 }
 
@@ -80,6 +82,30 @@ std::int32_t TKdsView::SearchPlace(TKdsRecord* record) {
     return index;
 }
 
+// The place that the key check has found, or the one behind the last row, when the row fits between
+// those beside it. What has happened since the check is not followed: its neighbours tell.
+std::int32_t TKdsView::PlaceForNew(TKdsRecord* record) {
+    const bool checked = std::exchange(fCheckedRecord, nullptr) == record;
+    const std::int32_t count = Count();
+    const std::int32_t place = checked ? fCheckedPlace : fLastRow != nullptr ? count : -1;
+    const TKdsOrderPlan* const plan = place < 0 || place > count ? nullptr : PlainPlan();
+    if (plan == nullptr) return SearchPlace(record);
+    const auto stands = [plan](const TKdsRecord* a, const TKdsRecord* b) {
+        const std::int32_t order =
+            plan->Compare(a->PostedBuffer(), b->PostedBuffer(), plan->Count(), {});
+        return order < 0 || (order == 0 && a->RowID() < b->RowID());
+    };
+    const auto fitsBehind = [&] {
+        const bool isLast = place == count && fLastRow != nullptr;
+        return stands(isLast ? fLastRow : ItemAt(place - 1), record);
+    };
+    const bool fits =
+        (place == 0 || fitsBehind()) && (place == count || stands(record, ItemAt(place)));
+    if (!fits) return SearchPlace(record);
+    fStorage->SetSearchHint(place);
+    return place;
+}
+
 TKdsView::TPlace TKdsView::PlaceInserted(TKdsRecord* record) {
     TPlace place;
     if (fOnAccept && !Accept(record)) return place;
@@ -87,18 +113,26 @@ TKdsView::TPlace TKdsView::PlaceInserted(TKdsRecord* record) {
     const bool byRowID = fSorting == omRowID && !fOnCompare;
     // Behind the last row; a row that came back with its old number has its old place.
     const bool appends = byRowID && (count == 0 || ItemAt(count - 1)->RowID() < record->RowID());
-    place.New = appends ? count : SearchPlace(record);
+    place.New = appends ? count : PlaceForNew(record);
     place.Outcome = TOutcome::Member;
     fStorage->Insert(place.New, record);
-    // Without the check two rows may have one key from now on.
-    if (fTable->Options().Has(mtoSkipPKCheck)) fDistinct = false;
+    fLastRow = place.New == count ? record : nullptr;
+    PlacedUnchecked();
     return place;
+}
+
+// Without the check two rows may have one key from now on.
+void TKdsView::PlacedUnchecked() noexcept {
+    if (!fDistinct || !fTable->Options().Has(mtoSkipPKCheck)) return;
+    fDistinct = false;
+    fTable->ViewsChanged();
 }
 
 TKdsView::TPlace TKdsView::PlaceUpdated(TKdsRecord* record) {
     TPlace place;
     const bool keeps = KeepsPlace();
     if (keeps && !fOnAccept && fLinks.empty() && fTable->Status() == mtsRegular) return place;
+    fLastRow = nullptr;
     place.Old = fStorage->Find(record);
     if (fOnAccept && !Accept(record)) {
         if (place.Old >= 0) fStorage->Delete(place.Old);
@@ -119,7 +153,7 @@ TKdsView::TPlace TKdsView::PlaceUpdated(TKdsRecord* record) {
     // Taking the record out shifts everything behind it.
     if (place.Old < place.New) --place.New;
     if (place.Old != place.New) fStorage->Switch(place.Old, place.New);
-    if (fTable->Options().Has(mtoSkipPKCheck)) fDistinct = false;
+    PlacedUnchecked();
     return place;
 }
 
@@ -127,6 +161,7 @@ TKdsView::TPlace TKdsView::PlaceDeleted(TKdsRecord* record) {
     TPlace place;
     place.Old = fStorage->Find(record);
     if (place.Old < 0) return place;
+    fLastRow = nullptr;
     fStorage->Delete(place.Old);
     place.Outcome = TOutcome::Removed;
     return place;

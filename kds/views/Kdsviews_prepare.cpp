@@ -13,10 +13,13 @@ void TKdsView::Prepare() {
     if (fTable->IsBusy()) KdsError(u"RecordStateInvalid");
     const std::int64_t start = QueryPerformanceCounter();
     fAsleep = false;
+    fLastRow = nullptr;
     std::vector<TKdsColumn*> madeNotNull;
     TScopeGuard fail([&] {
         fRebuilds = false;
         fDistinct = false;
+        fLastRow = nullptr;
+        fTable->ViewsChanged();
         fStorage->Clear();
         SetNullability(madeNotNull, true);
     });
@@ -44,6 +47,7 @@ void TKdsView::Prepare() {
         fStorage->Prepared();
     }
     fail.Dismiss();
+    fTable->ViewsChanged();
     const std::int64_t end = QueryPerformanceCounter();
     fStats.UpdateTime = Now();
     ++fStats.UpdateCount;
@@ -56,6 +60,7 @@ void TKdsView::Prepare() {
 // Lets go of the rows: while a view is not built it does not hear of their end. Only a view that
 // is about to sort the same rows anew keeps them.
 void TKdsView::Dismiss() {
+    fLastRow = nullptr;
     const bool comesBack = fTable != nullptr && fTable->Views()->Active() && fActive;
     if (!fLocking.Has(vlFilters) || !comesBack) fStorage->Clear();
     fStorage->InvalidateCache();
@@ -147,6 +152,7 @@ void TKdsView::CheckDistinct() {
 bool TKdsView::IsConsistent() {
     if (!fActual) return true;
     if (!fStorage->IsConsistent()) return false;
+    if (fLastRow != nullptr && (Count() == 0 || ItemAt(Count() - 1) != fLastRow)) return false;
     const bool ordered = fSorting == omOrder || fOnCompare;
     if (ordered && !IsInOrder({coUseRowID})) return false;
     for (TKdsRecord* const record : *this) {

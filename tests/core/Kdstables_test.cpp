@@ -85,6 +85,7 @@ protected:
     using TIds = std::vector<std::int64_t>;
 
     TRecorder fRecorder;
+    TRecorder fOnTheWay;  // of a table that records, when there is one
     TKdsStore* fStore;
     TKdsTable* fTable;
     TKdsTableRecordList* fRows;
@@ -567,6 +568,139 @@ TEST_F(TKdsTableTest, AnObserverMayTakeItselfOut) {
     fRecorder.Lines.clear();
     fRows->Items(0)->Delete();
     EXPECT_EQ(std::ranges::count(fRecorder.Lines, "deacon row1 of 0 0 2"), 1);
+}
+
+// ---- Posts that no view cares for ---------------------------------------------------------
+
+// Makes views of a class of the host's, which write down what they hear.
+class TViewMaker final : public IKdsViewFactory {
+public:
+    explicit TViewMaker(TRecorder* recorder) : fRecorder(recorder) {}
+    TOwned<TKdsView> CreateView(TKdsTable* table, std::u16string_view name) override {
+        auto view = TRecording<TKdsView>::Create(fRecorder, table, name);
+        view->RecordHandle();
+        return TOwned<TKdsView>(view.release());
+    }
+
+private:
+    TRecorder* fRecorder;
+};
+
+// Table1 with qty, ten rows of qty 0 and a view by name; a post of qty has concerned nobody yet.
+class TQuietPostTest : public TKdsTableTest {
+protected:
+    TQuietPostTest() {
+        fTable->Columns()->Add(u"qty", dtInteger);
+        for (int i = 0; i < 10; ++i) fTable->Insert({i, u"n", 0});
+        fView = fTable->Select(u"name");
+        Post(0, 0);
+    }
+    void Post(int index, int qty) {
+        TKdsEdit edit(fRows->Items(index));
+        edit->SetDataN(u"qty", qty);
+        edit.Post();
+        EXPECT_STREQ(fTable->Inconsistency(), nullptr);
+        fRecorder.Lines.clear();
+    }
+    TKdsTable* AddRecording() {
+        return fStore->Tables()->Add(TRecording<TKdsTable>::Create(&fOnTheWay, u"Recording"));
+    }
+    TKdsView* fView;
+};
+
+TEST_F(TQuietPostTest, IsHeardAgainByWhoeverBeginsToCare) {
+    TLink link(&fRecorder.Lines);
+    std::int32_t updates = 0;
+    link.OnEvent = [&](const TKdsEvent& event) { updates += event.Reason == evRecordUpdate; };
+    const auto isLast = [&](int index, const TKdsView* view) {
+        return view->Items(view->Count() - 1) == fRows->Items(index);
+    };
+
+    link.SetView(fView);
+    Post(1, 1);
+    EXPECT_EQ(updates, 1);
+    link.SetView(nullptr);
+    Post(1, 2);
+    EXPECT_EQ(updates, 1);
+
+    TKdsView* const byQty = fTable->Select(u"qty");
+    Post(2, 7);
+    EXPECT_TRUE(isLast(2, byQty));
+    byQty->SetOrderBy(u"name");
+    Post(2, 0);
+    byQty->SetOrderBy(u"qty desc");
+    Post(3, -1);
+    EXPECT_TRUE(isLast(3, byQty));
+    byQty->SetActive(false);
+    Post(4, -2);
+    byQty->SetActive(true);
+    Post(5, -3);
+    EXPECT_TRUE(isLast(5, byQty));
+    byQty->Free();
+
+    const auto isSmall = [](TKdsView*, TKdsRecord* record, bool& accept) {
+        accept = *record->Get<std::int32_t>(record->Table()->Columns()->Columns(u"qty")) < 50;
+    };
+    Post(6, 0);
+    fView->SetOnAccept(TKdsAcceptRecordEvent::BindCall(&isSmall));
+    Post(6, 50);
+    EXPECT_EQ(fView->IndexOf(fRows->Items(6)), -1);
+    fView->SetOnAccept(nullptr);
+    Post(6, 0);
+
+    (void)fTable->SelectEx(u"name", nullptr, {}, nullptr, false, MakeIntf<TViewMaker>(&fRecorder));
+    fRecorder.OnNote = [&](const TNotification& note) { updates += note.Sender != nullptr; };
+    updates = 0;
+    Post(7, 1);
+    EXPECT_EQ(updates, 2);  // the view, and the store above
+}
+
+TEST_F(TQuietPostTest, IsHeardByALinkThatComesOnTheWay) {
+    TKdsTable* const table = AddRecording();
+    table->Columns()->Add(u"id", dtInteger);
+    table->Columns()->Add(u"qty", dtInteger);
+    table->SetPrimaryKey(u"id");
+    TKdsRecord* const row = table->Insert({1, 1});
+    const auto post = [&](int qty) {
+        TKdsEdit edit(row);
+        edit->SetDataN(u"qty", qty);
+        edit.Post();
+    };
+    post(2);
+    TLink link(&fRecorder.Lines);
+    std::int32_t updates = 0;
+    link.OnEvent = [&](const TKdsEvent& event) { updates += event.Reason == evRecordUpdate; };
+    fOnTheWay.OnNote = [&](const TNotification& note) {
+        if (note.Action == acConfirmUpdate) link.SetView(table->PrimaryView());
+    };
+
+    post(3);
+
+    EXPECT_EQ(updates, 1);
+    EXPECT_STREQ(table->Inconsistency(), nullptr);
+    fOnTheWay.OnNote = nullptr;
+}
+
+TEST_F(TQuietPostTest, ARowWhoseKeyChangesAfterItsCheckStandsWhereItBelongs) {
+    TKdsTable* const table = AddRecording();
+    TKdsColumn* const id = table->Columns()->Add(u"id", dtInteger);
+    table->SetPrimaryKey(u"id");
+    for (int i = 0; i < 10; ++i) table->Insert({i * 10});
+    const auto insert = [&](int checked, int placed) {
+        fOnTheWay.OnNote = [&](const TNotification& note) {
+            if (note.Action == acPrepareInsert)
+                static_cast<TKdsRecord*>(note.Target)->Set(id, placed);
+        };
+        table->Insert({checked});
+        EXPECT_STREQ(table->Inconsistency(), nullptr) << checked << " " << placed;
+    };
+
+    insert(1000, 15);
+    insert(25, 2000);
+    insert(3000, 4000);
+    insert(35, -1);
+
+    fOnTheWay.OnNote = nullptr;
 }
 
 }  // namespace

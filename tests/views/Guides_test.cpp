@@ -45,7 +45,7 @@ protected:
         Rows.erase(Rows.begin() + static_cast<std::ptrdiff_t>(offset));
         Samples.Removed(static_cast<std::int32_t>(offset));
     }
-    static constexpr std::int32_t Widest = 5 * TKdsBucketSamples::Stride;
+    static constexpr std::int32_t Widest = 10 * TKdsBucketSamples::Stride;
     std::vector<std::uint64_t> Rows;
     TKdsBucketSamples Samples;
 };
