@@ -158,7 +158,7 @@ void TKdsRecord::Post() {
     } else {
         CheckConstraints(rsRegular);
         table->ReservePlaces(this);
-        // What is calculated changes the edit: nothing fails behind it.
+        // Calculating changes the edit, so nothing that may fail comes behind it.
         table->ReserveChanges();
         if (table->Columns()->Occurences().Has(coCalculated)) CalculateColumns(false);
         table->FindChanges(fBuffer.Original, fBuffer.Proposed);

@@ -201,7 +201,7 @@ void CopyNumber(std::byte* target, const void* data, std::int32_t size) noexcept
 }  // namespace
 
 // Most writes set a number or a text of a column that may be written, in a row that is being built
-// or edited: nothing is checked twice for them, and they are done without a further call.
+// or edited: what could be wrong is asked at once, and told by the long way.
 void TKdsRecord::SetDataP(const TKdsColumn* column, const void* data, std::int32_t size) {
     const bool isOpen = (fRowState == rsDetached || fRowState == rsEditing) &&
                         (fRowFlags & CompactBit) == 0 && fTable != nullptr;

@@ -33,11 +33,10 @@ constexpr std::size_t RoundUp(std::size_t size, std::size_t grain) noexcept {
 
 TSlab* TSlab::Create(std::size_t blockSize, std::size_t alignment, std::size_t firstBlocks) {
     assert(alignment >= alignof(void*) && alignment <= static_cast<std::size_t>(ChunkAlignment));
-    return new TSlab(RoundUp(std::max(blockSize, sizeof(void*)), alignment), alignment,
-                     firstBlocks);
+    return new TSlab(RoundUp(std::max(blockSize, sizeof(void*)), alignment), firstBlocks);
 }
 
-TSlab::TSlab(std::size_t blockSize, std::size_t alignment, std::size_t firstBlocks) noexcept
+TSlab::TSlab(std::size_t blockSize, std::size_t firstBlocks) noexcept
     : fBlockSize(blockSize), fHead(RoundUp(sizeof(TChunk), alignment)), fFirstBlocks(firstBlocks) {}
 
 // Chunks from the heap double all there is. Those of large pages grow with the slab, so that their

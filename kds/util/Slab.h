@@ -42,14 +42,14 @@ private:
     static constexpr std::size_t LargestHeapChunk = std::size_t{1} << 20;
     static constexpr std::size_t LargestHeapTotal = std::size_t{8} << 20;
 
-    TSlab(std::size_t blockSize, std::size_t alignment, std::size_t firstBlocks) noexcept;
+    TSlab(std::size_t blockSize, std::size_t firstBlocks) noexcept;
     ~TSlab() = default;
     void AddChunk();
     [[nodiscard]] void* TakeBlock() noexcept;
     void DropChunks() noexcept;
 
     std::size_t fBlockSize;
-    std::size_t fHead;  // bytes of a chunk before its first block
+    std::size_t fHead;  // bytes of a chunk before its first block, which begins a line
     std::size_t fFirstBlocks;
     std::size_t fTotal = 0;  // bytes of all chunks
     TChunk* fChunks = nullptr;

@@ -320,7 +320,7 @@ bool TKdsView::BelongsBehindLast(TKdsRecord* record) const {
 const TKdsOrderPlan* TKdsView::PlainPlan() const {
     if (fSorting != omOrder || fOnCompare) return nullptr;
     const TKdsOrderPlan& plan = Plan();
-    return plan.IsPlain() ? &plan : nullptr;
+    return plan.IsPlain() && plan.IsStable() ? &plan : nullptr;
 }
 
 TKdsRecord* TKdsView::Items(std::int32_t index) const {

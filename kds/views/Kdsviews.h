@@ -281,7 +281,7 @@ private:
     [[nodiscard]] TPlace PlaceUpdated(TKdsRecord* record);
     [[nodiscard]] TPlace PlaceDeleted(TKdsRecord* record);
     [[nodiscard]] std::int32_t SearchPlace(TKdsRecord* record);
-    // Of an order that stored values alone decide; nullptr otherwise.
+    // Of an order that stored values alone decide, without a routine of the host; else nullptr.
     [[nodiscard]] const TKdsOrderPlan* PlainPlan() const;
     [[nodiscard]] bool BelongsBehindLast(TKdsRecord* record) const;
     [[nodiscard]] std::int32_t PlaceForNew(TKdsRecord* record);
