@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
 #include <vector>
 
 #include "kds/platform/Errors.h"
@@ -20,153 +18,22 @@ protected:
     }
 };
 
-// Every message in the order of the files, with the directives of its English text.
-constexpr std::string_view Catalogue = R"([Parser]
-CircularReference %s
-InvalidFunctionArguments %s
-IllegalDateOperation
-IllegalLogicOperation
-IllegalBitwiseOperation
-InvalidCharacterCode \r%s
-UnterminatedString
-MissingCloseBracket %s
-MissingArgument %s
-CannotResolveEntry %s
-InvalidBracketUsage %s
-InvalidDateFormat %s
-InvalidNumberFormat %s
-IllegalUnaryToken %s
-TokenNotSupported %s
-InvalidExpression \r%s
-[Kds.Consts]
-LookupKeySuffix
-[Kds.Errors]
-NameNotFound %s
-DuplicateName %s
-TablePartOfStore %s
-FieldPrimaryKey %s%s
-CannotRestructure %s
-ColumnReadonly %s
-ColumnNotNull %s%s
-CannotModifyRecord
-CannotInsertRecord
-CannotDeleteRecord
-RecordAlreadyEdits
-RecordStateInvalid
-DataBufferMismatch %s%s
-DataTypeUnsupported
-DataBufferOverflow %s%s
-CannotConvertValue
-CannotCompareValue
-CantCompareRecords
-DuplicateRecords %s
-InvalidUniqueKey
-UniqueViolated %s
-CannotLookupVariant
-LookupReference
-ColumnTypeInternal
-SinglePrimaryKey
-DefaultViewChange
-PrimaryViewChange
-StreamReadError
-ColumnForeignKey %s%s
-UnresolvedLookup
-DataTypeMismatch %s%s%s%s
-StaticLookupLong %s%s%s
-MaximumCapacity
-KdsExportError
-TooHugeExcelFile %d\r
-KdsExportProgress %s
-[Kds.Import]
-ImportNoHeader
-ImportBadId
-ImportBadValue
-ImportContinue %s
-ImportErrorLn %d\r\n%s
-ImportErrorCol %d%s\r\n%s
-ImportFileOk %s
-ImportFileBad %s
-ImportStats %d%[%d%[
-ImportBadSec
-ImportBadSecMkt
-ImportDecimOvf
-ImportIntegerOvf
-ImportLengthOvf
-ImportWrongTab
-ImportProgress %s
-)";
-
-std::string FileBytes(const char* path) {
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream bytes;
-    bytes << file.rdbuf();
-    return bytes.str();
+// FNV-1a over 64 bits.
+std::uint64_t Sum(std::string_view bytes) {
+    std::uint64_t sum = 0xCBF29CE484222325;
+    for (const char byte : bytes) sum = (sum ^ static_cast<unsigned char>(byte)) * 0x100000001B3;
+    return sum;
 }
 
-// The directives of a text, in order: a percent sign or backslash and what follows it.
-std::string Directives(std::string_view text) {
-    std::string result;
-    for (std::size_t at = 0; at + 1 < text.size(); ++at) {
-        if (text[at] == '%' || text[at] == '\\') result += text.substr(at, 2);
-    }
-    return result;
-}
-
-// A resource reduced to what Catalogue says of it; also checks how its lines are written.
-std::string Skeleton(std::string_view bytes) {
-    EXPECT_EQ(bytes.substr(0, 3), "\xEF\xBB\xBF");
-    std::istringstream lines{std::string(bytes.substr(3))};
-    std::string skeleton, section;
-    std::size_t importEquals = 0;
-    for (std::string line; std::getline(lines, line);) {
-        EXPECT_TRUE(line.ends_with('\r')) << line;
-        line.pop_back();
-        if (line.starts_with('[')) {
-            skeleton += (section = line) + "\n";
-            continue;
-        }
-        const std::size_t end = line.find_first_of(" =");
-        const std::size_t equals = line.find('=');
-        skeleton += line.substr(0, end);
-        if (equals == std::string::npos) skeleton += " (no =)";
-        if (const std::string found = Directives(line); !found.empty()) skeleton += " " + found;
-        skeleton += "\n";
-        if (equals == std::string::npos) continue;
-        if (section == "[Kds.Import]") {
-            if (importEquals == 0) importEquals = equals;
-            EXPECT_EQ(equals, importEquals) << line;
-            EXPECT_EQ(line.at(equals + 1), ' ') << line;
-            EXPECT_NE(line.at(equals + 2), ' ') << line;
-        } else {
-            EXPECT_EQ(end, equals) << line;
-            EXPECT_NE(line.at(equals + 1), ' ') << line;
-        }
-    }
-    return skeleton;
-}
-
+// Their lines, keys, blanks and marks are agreed with other programs: not a byte may change.
 TEST_F(TTranslatorTest, CarriesTheResourceFilesByteForByte) {
-    const std::string russian = FileBytes("resources/russian_kds.lng");
-    const std::string ukrainian = FileBytes("resources/ukrainian_kds.lng");
-
-    ASSERT_FALSE(russian.empty()) << "run from the project's root";
-    EXPECT_EQ(FindResource(u"RUSSIAN_KDS_LNG"), russian);
-    EXPECT_EQ(FindResource(u"UKRAINIAN_KDS_LNG"), ukrainian);
+    EXPECT_EQ(Sum(FindResource(u"RUSSIAN_KDS_LNG")), 0xFFE7EA82E2D96422u);
+    EXPECT_EQ(Sum(FindResource(u"UKRAINIAN_KDS_LNG")), 0xAC279931DD4CA911u);
     EXPECT_EQ(FindResource(u"FRENCH_KDS_LNG"), "");
-}
-
-TEST_F(TTranslatorTest, UkrainianHoldsEveryMessageWithItsDirectives) {
-    EXPECT_EQ(Skeleton(FindResource(u"UKRAINIAN_KDS_LNG")), Catalogue);
 }
 
 // QUIRK: the Russian file lacks one message and writes another one without "=".
 TEST_F(TTranslatorTest, RussianKeepsItsTwoIrregularities) {
-    std::string expected(Catalogue);
-    expected.erase(expected.find("KdsExportProgress"),
-                   std::string("KdsExportProgress %s\n").size());
-    expected.insert(expected.find(" \\r%s"), " (no =)");
-
-    EXPECT_EQ(Skeleton(FindResource(u"RUSSIAN_KDS_LNG")), expected);
     SetLanguage(TLanguage::Russian);
     EXPECT_EQ(Translator().Translate(u"Parser", u"InvalidCharacterCode", u"English"), u"English");
     EXPECT_EQ(Translator().Translate(u"Kds.Errors", u"KdsExportProgress", u"English"), u"English");
