@@ -30,9 +30,14 @@ inline constexpr std::size_t PlainTextRoom = 1 + 16 + 1 + 8;
 template <typename TChar>
 [[gnu::always_inline]] inline void StoreDigits(TChar* target, std::uint64_t digits,
                                                std::size_t skippedBits) noexcept {
-    std::array<char, 8> bytes;
-    StoreRaw(bytes.data(), (digits | DigitZeros) >> skippedBits);
-    for (std::size_t i = 0; i < bytes.size(); ++i) target[i] = static_cast<TChar>(bytes[i]);
+    const std::uint64_t characters = (digits | DigitZeros) >> skippedBits;
+    if constexpr (sizeof(TChar) == 1) {
+        StoreRaw(target, characters);  // one store; a copy by characters becomes eight
+    } else {
+        std::array<char, 8> bytes;
+        StoreRaw(bytes.data(), characters);
+        for (std::size_t i = 0; i < bytes.size(); ++i) target[i] = static_cast<TChar>(bytes[i]);
+    }
 }
 
 // Puts the separator before the last `scale` of `count` digits, of which `low` holds eight.

@@ -37,7 +37,9 @@ TSlab* TSlab::Create(std::size_t blockSize, std::size_t alignment, std::size_t f
 }
 
 TSlab::TSlab(std::size_t blockSize, std::size_t firstBlocks) noexcept
-    : fBlockSize(blockSize), fHead(RoundUp(sizeof(TChunk), alignment)), fFirstBlocks(firstBlocks) {}
+    : fBlockSize(blockSize),
+      fHead(static_cast<std::size_t>(ChunkAlignment)),
+      fFirstBlocks(firstBlocks) {}
 
 // Chunks from the heap double all there is. Those of large pages grow with the slab, so that their
 // number stays small; what is not touched of them takes no memory.

@@ -164,23 +164,6 @@ TEST_F(TKdsStoreTest, EndsWithItsTablesHearingOfItFirst) {
     EXPECT_EQ(Stores()->Count(), 0);
 }
 
-// A handler far below ends the whole store while its table's event is being delivered.
-TEST_F(TKdsStoreTest, MayBeEndedFromALinksHandler) {
-    TKdsTable* const table = fStore->Tables()->Add(u"a");
-    table->Columns()->Add(u"n", dtInteger);
-    TKdsView* const view = table->Select(u"n");
-    const auto end = [&](TKdsView*, TKdsEvent* event) {
-        if (event->Reason == evRecordInsert) std::exchange(fStore, nullptr)->Free();
-    };
-    TKdsViewHandler handler(TKdsViewEvent::BindCall(&end));
-    handler.SetView(view);
-
-    table->Insert({1});
-
-    EXPECT_EQ(Stores()->Count(), 0);
-    EXPECT_EQ(handler.View(), nullptr);
-}
-
 TEST_F(TKdsStoreTest, MayBeEndedByAnObserverOfATableThatIsGoing) {
     struct TSexton final : IKdsSexton {
         TKdsStore** Store = nullptr;
@@ -197,24 +180,6 @@ TEST_F(TKdsStoreTest, MayBeEndedByAnObserverOfATableThatIsGoing) {
     fStore->Reset();
 
     EXPECT_EQ(Stores()->Count(), 0);
-}
-
-// But not from a routine that runs inside the engine.
-TEST_F(TKdsStoreTest, CannotEndWhileATableIsBusyWithARoutineOfTheHost) {
-    TKdsTable* const table = fStore->Tables()->Add(u"a");
-    table->Columns()->Add(u"n", dtInteger);
-    table->Insert({1});
-    TLines refusals;
-    (void)table->SelectA(
-        {}, {}, AcceptWhen([&](TKdsRecord*) {
-            const std::int32_t place = Stores()->IndexOf(fStore);
-            refusals = {Refusal([&] { fStore->Free(); }), Refusal([&] { Stores()->Delete(place); }),
-                        Refusal([&] { fStore->Reset(); }), Refusal([&] { table->Free(); })};
-            return true;
-        }));
-    EXPECT_EQ(refusals, TLines(4, "Invalid operation for record state"));
-    EXPECT_EQ(Stores()->IndexOf(fStore), 0);
-    EXPECT_STREQ(table->Inconsistency(), nullptr);
 }
 
 // ---- String list --------------------------------------------------------------------------

@@ -54,34 +54,28 @@ TEST(VarToTextTest, PrintsEachKind) {
         {DateTime(LeapDay2024, HalfPastTwelve + 999), u"2024-02-29T12:30:00"},
         {DateTime(LeapDay2024, 1), u"2024-02-29T00:00:00"},
         {DateTime(-693'593, 0), u"00:00:00"},
-    };
+        {DateTime(-1, Noon), u"12:00:00"}};
     for (const auto& [value, text] : cases) EXPECT_EQ(VarToText(value), text) << value;
     EXPECT_THROW(static_cast<void>(VarToText(TIntf<IInterface>())), EVariantError);
 }
 
-TEST(VarToTextTest, PrintsOnlyTheTimeBeforeTheEpoch) {
-    EXPECT_EQ(VarToText(DateTime(-1, Noon)), u"12:00:00");
-}
-
 TEST(TextToVarTest, ReadsWhatPrintsTheSame) {
-    const TTextCase cases[] = {
-        {Null, u""},
-        {1, u"1"},
-        {-5, u"-5"},
-        {7, u"7"},
-        {std::numeric_limits<std::int32_t>::min(), u"-2147483648"},
-        {TExtended{2147483648.0}, u"2147483648"},
-        {TExtended{1.5}, u"1.5"},
-        {TExtended{0.1}, u"0.1"},
-        {TExtended{9.95}, u"9.95"},
-        {TExtended{1e20}, u"1E20"},
-        {TExtended{1.5e-7}, u"1.5E-7"},
-        {DateTime(LeapDay2024, 0), u"2024-02-29"},
-        {DateTime(LeapDay2024, Noon), u"2024.02.29 12:00:00"},
-        {DateTime(LeapDay2024, Noon), u"2024-02.29T12:00:00"},
-        {DateTime(-1, Noon), u"1899-12-29T12:00:00"},
-        {DateTime(0, HalfPastTwelve), u"12:30:00"},
-    };
+    const TTextCase cases[] = {{Null, u""},
+                               {1, u"1"},
+                               {-5, u"-5"},
+                               {7, u"7"},
+                               {std::numeric_limits<std::int32_t>::min(), u"-2147483648"},
+                               {TExtended{2147483648.0}, u"2147483648"},
+                               {TExtended{1.5}, u"1.5"},
+                               {TExtended{0.1}, u"0.1"},
+                               {TExtended{9.95}, u"9.95"},
+                               {TExtended{1e20}, u"1E20"},
+                               {TExtended{1.5e-7}, u"1.5E-7"},
+                               {DateTime(LeapDay2024, 0), u"2024-02-29"},
+                               {DateTime(LeapDay2024, Noon), u"2024.02.29 12:00:00"},
+                               {DateTime(LeapDay2024, Noon), u"2024-02.29T12:00:00"},
+                               {DateTime(-1, Noon), u"1899-12-29T12:00:00"},
+                               {DateTime(0, HalfPastTwelve), u"12:30:00"}};
     for (const auto& [value, text] : cases) {
         const TVariant read = TextToVar(text);
         EXPECT_EQ(VarTypeName(read.Type()), VarTypeName(value.Type())) << ToUtf8(text);
@@ -90,45 +84,17 @@ TEST(TextToVarTest, ReadsWhatPrintsTheSame) {
 }
 
 TEST(TextToVarTest, LeavesEverythingElseAsText) {
-    constexpr std::u16string_view texts[] = {
-        u"007",
-        u"1.50",
-        u"+5",
-        u"5.",
-        u".5",
-        u"-0",
-        u"1e3",
-        u" 1",
-        u"1 ",
-        u"1,5",
-        u"0x10",
-        u"inf",
-        u"nan",
-        u"-",
-        u"--1",
-        u"0.1000000000000000055",
-        u"1e999",
-        u"9007199254740993",
-        u"20x4-02-28",
-        u"2024-02-30",
-        u"2024-13-01",
-        u"0000-01-01",
-        u"2024-02-29x",
-        u"2024-02-29T",
-        u"2024-02-29 ",
-        u"2024-02-29T25:00:00",
-        u"2024-02-29T12:00",
-        u"2024-02-29T12:00:00.5",
-        u"2024-02-29t12:00:00",
-        u"24:00:00",
-        u"12:60:00",
-        u"12:30",
-        u"12:30:00 ",
-        u"2024/02/29",
-        u"12\uFF10:00:00",
-        u"NULL",
-    };
-    for (const std::u16string_view text : texts) {
+    for (const std::u16string_view text :
+         {u"007", u"1.50", u"+5", u"5.", u".5", u"-0", u"1e3", u" 1", u"1 ", u"1,5", u"0x10",
+          u"inf", u"nan", u"-", u"--1", u"1e999", u"NULL"}) {
+        EXPECT_EQ(TextToVar(text), TVariant(text)) << ToUtf8(text);
+    }
+    for (const std::u16string_view text :
+         {u"0.1000000000000000055", u"9007199254740993", u"20x4-02-28", u"2024-02-30",
+          u"2024-13-01", u"0000-01-01", u"2024-02-29x", u"2024-02-29T", u"2024-02-29 ",
+          u"2024-02-29T25:00:00", u"2024-02-29T12:00", u"2024-02-29T12:00:00.5",
+          u"2024-02-29t12:00:00", u"24:00:00", u"12:60:00", u"12:30", u"12:30:00 ", u"2024/02/29",
+          u"12\uFF10:00:00"}) {
         EXPECT_EQ(TextToVar(text), TVariant(text)) << ToUtf8(text);
     }
 }

@@ -6,6 +6,7 @@
 #include <limits>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "kds/expr/Vararith.h"
 #include "kds/platform/Errors.h"
@@ -84,25 +85,23 @@ TEST(VarConvertTest, TakesEachKindToEachNumber) {
         {u"1e3", "1000", "1000", "1000", "EConvertError", "True"},
         {u"TRUE", "EConvertError", "EConvertError", "EConvertError", "EConvertError", "True"},
         {"false", "EConvertError", "EConvertError", "EConvertError", "EConvertError", "False"},
-        {u"", "EConvertError", "EConvertError", "EConvertError", "EConvertError", "EConvertError"},
-        {u" 1", "EConvertError", "EConvertError", "EConvertError", "EConvertError",
-         "EConvertError"},
-        {u"+-1", "EConvertError", "EConvertError", "EConvertError", "EConvertError",
-         "EConvertError"},
-        {u"\u0131", "EConvertError", "EConvertError", "EConvertError", "EConvertError",
-         "EConvertError"},
-        {{}, "EVariantError", "EVariantError", "EVariantError", "EVariantError", "EVariantError"},
-        {Null, "EVariantError", "EVariantError", "EVariantError", "EVariantError", "EVariantError"},
-        {MakeIntf<TThing>(), "EVariantError", "EVariantError", "EVariantError", "EVariantError",
-         "EVariantError"},
     };
     const auto toFixed = [](const TVariant& value) { return FixedToVar(VarToFixed(value)); };
+    using TOutcomes = std::vector<std::string>;
+    const auto outcomes = [&](const TVariant& value) {
+        return TOutcomes{Outcome(VarToInt64, value), Outcome(VarToDouble, value),
+                         Outcome(VarToCurrency, value), Outcome(toFixed, value),
+                         Outcome(VarToBoolean, value)};
+    };
     for (const auto& [value, int64, real, currency, fixed, boolean] : cases) {
-        EXPECT_EQ(Outcome(VarToInt64, value), int64) << testing::PrintToString(value);
-        EXPECT_EQ(Outcome(VarToDouble, value), real) << testing::PrintToString(value);
-        EXPECT_EQ(Outcome(VarToCurrency, value), currency) << testing::PrintToString(value);
-        EXPECT_EQ(Outcome(toFixed, value), fixed) << testing::PrintToString(value);
-        EXPECT_EQ(Outcome(VarToBoolean, value), boolean) << testing::PrintToString(value);
+        EXPECT_EQ(outcomes(value), (TOutcomes{int64, real, currency, fixed, boolean})) << value;
+    }
+    for (const TVariant& value :
+         {TVariant(u""), TVariant(u" 1"), TVariant(u"+-1"), TVariant(u"\u0131")}) {
+        EXPECT_EQ(outcomes(value), TOutcomes(5, "EConvertError")) << value;
+    }
+    for (const TVariant& value : {TVariant(), TVariant(Null), TVariant(MakeIntf<TThing>())}) {
+        EXPECT_EQ(outcomes(value), TOutcomes(5, "EVariantError")) << value;
     }
 }
 

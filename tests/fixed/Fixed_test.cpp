@@ -41,200 +41,105 @@ std::string Outcome(F&& operation) {
 constexpr TFixedRoundingMode Modes[] = {rmNone, rmCeiling,  rmDown,     rmFloor,
                                         rmUp,   rmHalfDown, rmHalfEven, rmHalfUp};
 
-struct TArithmeticCase {
-    const char* Name;
-    std::string Result;
-    std::string Expected;
-};
-
 const std::int64_t Min = MinInt64;
 
-void PrintTo(const TArithmeticCase& tested, std::ostream* stream) { *stream << tested.Name; }
-
-class TFixedArithmeticTest : public testing::TestWithParam<TArithmeticCase> {};
-
-TEST_P(TFixedArithmeticTest, ComesTo) { EXPECT_EQ(GetParam().Result, GetParam().Expected); }
-
-const TArithmeticCase ArithmeticCases[] = {
-    {"AddDropsZerosOfTheFiner", Outcome([] { return TFixed(150, 2) + TFixed(1, 0); }), "25 / 1"},
-    {"AddKeepsZerosOfEqualScales", Outcome([] { return TFixed(150, 2) + TFixed(150, 2); }),
-     "300 / 2"},
-    {"AddMirrored", Outcome([] { return 1 + TFixed(150, 2); }), "25 / 1"},
-    {"AddFinerZero", Outcome([] { return TFixed(7, 0) + TFixed(0, 5); }), "7 / 0"},
-    {"AddScalesTooFar", Outcome([] { return TFixed(1, 0) + TFixed(1, 19); }),
-     "EIntOverflow: 19 is not a valid fixed scale"},
-    {"AddOverflows", Outcome([] { return TFixed(MaxInt64, 0) + 1; }),
-     "EIntOverflow: Integer overflow"},
-    {"NegateSmallest", Outcome([] { return -TFixed(Min, 3); }), "EIntOverflow: Integer overflow"},
-    {"SubtractSmallest", Outcome([] { return TFixed(-1, 0) - TFixed(Min, 0); }),
-     "EIntOverflow: Integer overflow"},
-    {"RoundToTooManyDecimals", Outcome([] {
-         return FixedRoundTo({1, 2}, 21, rmUp);
-     }),
-     "EIntOverflow: 19 is not a valid fixed scale"},
-    {"RoundToTooFewDecimals", Outcome([] {
-         return FixedRoundTo({1, 21}, 2, rmUp);
-     }),
-     "EIntOverflow: 19 is not a valid fixed scale"},
-    {"RoundNoneExact", Outcome([] {
-         return FixedRoundTo({120, 2}, 1, rmNone);
-     }),
-     "12 / 1"},
-    {"RoundNoneInexact", Outcome([] {
-         return FixedRoundTo({125, 2}, 1, rmNone);
-     }),
-     "EMathError: Rounding is necessary"},
-    {"MultiplyKeepsNaturalScale", Outcome([] {
-         return FixedMultiply({15, 1}, {2, 0}, 4, rmHalfUp, false);
-     }),
-     "30 / 1"},
-    {"MultiplyForcesScale", Outcome([] {
-         return FixedMultiply({15, 1}, {2, 0}, 4, rmHalfUp, true);
-     }),
-     "30000 / 4"},
-    {"MultiplyShortensTheFirst", Outcome([] {
-         return FixedMultiply({123456789012345678, 9}, {100, 0}, 9, rmHalfUp, false);
-     }),
-     "1234567890123456780 / 8"},
-    {"MultiplyLosesADigitOfTheSecond", Outcome([] {
-         return FixedMultiply({1, 0}, {MaxInt64, 0}, 0, rmUp, false);
-     }),
-     "922337203685477580 / -1"},
-    {"MultiplySmallestByOne", Outcome([] {
-         return FixedMultiply({Min, 0}, {1, 0}, 0, rmNone, true);
-     }),
-     "-9223372036854775808 / 0"},
-    {"MultiplySmallestByMinusOne", Outcome([] {
-         return FixedMultiply({Min, 0}, {-1, 0}, 0, rmNone, true);
-     }),
-     "EIntOverflow: Integer overflow"},
-    {"MultiplyToTheSmallestShortens", Outcome([] {
-         return FixedMultiply({Min / 2, 0}, {2, 0}, 5, rmHalfUp, false);
-     }),
-     "-922337203685477581 / -1"},
-    {"MultiplyByZero", Outcome([] {
-         return FixedMultiply({5, 1}, {0, 9}, 70'000, rmNone, false);
-     }),
-     "0 / 4464"},
-    {"DivideHalfUp", Outcome([] { return FixedDivide(1, 3, 4, rmHalfUp); }), "3333 / 4"},
-    {"DivideUp", Outcome([] { return FixedDivide(1, 3, 4, rmUp); }), "3334 / 4"},
-    {"DivideHalfEven", Outcome([] { return FixedDivide(2, 3, 0, rmHalfEven); }), "1 / 0"},
-    {"DivideHalfEvenLooksAtTheShareOfTheRemainder",
-     Outcome([] { return FixedDivide(3, 2, 0, rmHalfEven); }), "1 / 0"},
-    {"DivideCutsSurplusDigits", Outcome([] {
-         return FixedDivide({12399, 4}, 1, 2, rmUp);
-     }),
-     "123 / 2"},
-    {"DivideByNegativeRoundsAway", Outcome([] { return FixedDivide(4, -3, 0, rmHalfDown); }),
-     "-2 / 0"},
-    {"DivideZeroByZero", Outcome([] {
-         return FixedDivide({0, 3}, {0, 7}, 0, rmDown);
-     }),
-     "EZeroDivide: Divide by zero"},
-    {"DivideZero", Outcome([] {
-         return FixedDivide({0, 3}, {7, 7}, 5, rmDown);
-     }),
-     "0 / 5"},
-    {"DivideSmallestByMinusOne", Outcome([] {
-         return FixedDivide({Min, 9}, {-1, 4}, 2, rmDown);
-     }),
-     "EIntOverflow: Integer overflow (range)"},
-    {"DivideTooManyDigits", Outcome([] { return FixedDivide(1, 3, 40, rmDown); }),
-     "EIntOverflow: 22 is not a valid fixed scale"},
-    {"DivTruncates", Outcome([] {
-         return FixedDiv({-79, 1}, {2, 0});
-     }),
-     "-3 / 0"},
-    {"DivByPowerMovesThePoint", Outcome([] { return FixedDivByInt(5, 100); }), "5 / 2"},
-    {"DivByIntGoesThroughADouble", Outcome([] {
-         return FixedDivByInt({5, 1}, 4);
-     }),
-     "125 / 3"},
-    {"DivByIntZero", Outcome([] { return FixedDivByInt(-5, 0); }),
-     "EConvertError: -inf is not a valid double value"},
-    {"DivZeroByIntZero", Outcome([] { return FixedDivByInt(0, 0); }),
-     "EConvertError: nan is not a valid double value"},
-    {"CompactZero", Outcome([] {
-         return FixedCompact({0, 5}, 2);
-     }),
-     "0 / 2"},
-    {"CompactZeroWithoutMinimum", Outcome([] {
-         return FixedCompact({0, 5}, -32768);
-     }),
-     "0 / 0"},
-    {"CompactBelowZero", Outcome([] {
-         return FixedCompact({1200, 0}, -32768);
-     }),
-     "12 / -2"},
-    {"CompactStopsAtMinimum", Outcome([] {
-         return FixedCompact({1000, 3}, 2);
-     }),
-     "100 / 2"},
-    {"MinOfEquals", Outcome([] {
-         return FixedMin({10, 1}, {1, 0});
-     }),
-     "1 / 0"},
-    {"MaxOfEquals", Outcome([] {
-         return FixedMax({10, 1}, {1, 0});
-     }),
-     "1 / 0"},
-    {"ToInt64NegativeScale", Outcome([] {
-         return FixedToInt64({-15, -2});
-     }),
-     "-1500 / 0"},
-    {"ToInt64Truncates", Outcome([] {
-         return FixedToInt64({-1999, 3});
-     }),
-     "-1 / 0"},
-    {"ToInt64OfTinyScale", Outcome([] {
-         return FixedToInt64({1, -32768});
-     }),
-     "EIntOverflow: -32768 is not a valid fixed scale"},
-    {"ToCurrency", Outcome([] {
-         return FixedToCurrency({123456789, 6}).Scaled;
-     }),
-     "1234567 / 0"},
-    {"RoundTiesToEven", Outcome([] {
-         return FixedRound({25, 1});
-     }),
-     "2 / 0"},
-    {"RoundOutOfRange", Outcome([] {
-         return FixedRound({MaxInt64, -1});
-     }),
-     "EIntOverflow: Integer overflow"},
-    {"ToNarrowInteger",
-     Outcome([] { return static_cast<std::int32_t>(TFixed(30'000'000'000, 0)); }),
-     "EIntOverflow: Integer overflow"},
-    {"Increment", Outcome([x = TFixed(25, 1)]() mutable { return ++x; }), "35 / 1"},
+struct TRoundedCase {
+    std::string Expected;
+    TFixed A, B;
+    std::int32_t Digits;
+    TFixedRoundingMode Mode;
+    bool Force = false;
 };
 
-INSTANTIATE_TEST_SUITE_P(Stated, TFixedArithmeticTest, testing::ValuesIn(ArithmeticCases),
-                         [](const auto& tested) { return std::string(tested.param.Name); });
-
-TEST(TFixedTest, RoundsInEachMode) {
-    struct TRow {
-        std::int64_t Value;
-        std::int64_t Rounded[8];  // in the order of the modes; rmNone raises
+TEST(TFixedTest, RoundsToAScale) {
+    const TRoundedCase cases[] = {
+        {"12 / 1", {125, 2}, {}, 1, rmHalfEven},
+        {"13 / 1", {125, 2}, {}, 1, rmHalfUp},
+        {"12 / 1", {125, 2}, {}, 1, rmHalfDown},
+        {"-13 / 1", {-125, 2}, {}, 1, rmHalfUp},
+        {"-12 / 1", {-125, 2}, {}, 1, rmCeiling},
+        {"-13 / 1", {-125, 2}, {}, 1, rmFloor},
+        {"12 / 1", {120, 2}, {}, 1, rmNone},
+        {"EMathError: Rounding is necessary", {125, 2}, {}, 1, rmNone},
+        {"EIntOverflow: 19 is not a valid fixed scale", {1, 2}, {}, 21, rmUp},
+        {"EIntOverflow: 19 is not a valid fixed scale", {1, 21}, {}, 2, rmUp},
     };
-    constexpr TRow Rows[] = {
-        {125, {0, 13, 12, 12, 13, 12, 12, 13}},
-        {-125, {0, -12, -12, -13, -13, -12, -12, -13}},
-        {135, {0, 14, 13, 13, 14, 13, 14, 14}},
-        {-135, {0, -13, -13, -14, -14, -13, -14, -14}},
-        {124, {0, 13, 12, 12, 13, 12, 12, 12}},
-        {126, {0, 13, 12, 12, 13, 13, 13, 13}},
-        {-126, {0, -12, -12, -13, -13, -13, -13, -13}},
-    };
-    for (const auto& [value, rounded] : Rows) {
-        for (const TFixedRoundingMode mode :
-             {rmCeiling, rmDown, rmFloor, rmUp, rmHalfDown, rmHalfEven, rmHalfUp}) {
-            const auto code = static_cast<std::size_t>(mode);
-            EXPECT_EQ(FixedRoundTo({value, 2}, 1, mode).Value, rounded[code])
-                << value << " in mode " << code;
-        }
-        const auto noMode = static_cast<TFixedRoundingMode>(8);
-        EXPECT_EQ(FixedRoundTo({value, 2}, 1, noMode).Value, rounded[5]) << value;
+    for (const auto& [expected, a, b, digits, mode, force] : cases) {
+        const auto scale = static_cast<std::int16_t>(digits);
+        EXPECT_EQ(Outcome([&] { return FixedRoundTo(a, scale, mode); }), expected) << a;
     }
+}
+
+TEST(TFixedTest, Multiplies) {
+    const TRoundedCase cases[] = {
+        {"30 / 1", {15, 1}, {2, 0}, 4, rmHalfUp},
+        {"30000 / 4", {15, 1}, {2, 0}, 4, rmHalfUp, true},
+        {"1234567890123456780 / 8", {123456789012345678, 9}, {100, 0}, 9, rmHalfUp},
+        {"922337203685477580 / -1", {1, 0}, {MaxInt64, 0}, 0, rmUp},  // loses a digit of the second
+        {"-9223372036854775808 / 0", {Min, 0}, {1, 0}, 0, rmNone, true},
+        {"EIntOverflow: Integer overflow", {Min, 0}, {-1, 0}, 0, rmNone, true},
+        {"-922337203685477581 / -1", {Min / 2, 0}, {2, 0}, 5, rmHalfUp},
+        {"0 / 4464", {5, 1}, {0, 9}, 70'000, rmNone},
+    };
+    for (const auto& [expected, a, b, digits, mode, force] : cases) {
+        EXPECT_EQ(Outcome([&] { return FixedMultiply(a, b, digits, mode, force); }), expected) << a;
+    }
+}
+
+TEST(TFixedTest, Divides) {
+    const TRoundedCase cases[] = {
+        {"3333 / 4", {1, 0}, {3, 0}, 4, rmHalfUp},
+        {"3334 / 4", {1, 0}, {3, 0}, 4, rmUp},
+        {"1 / 0", {2, 0}, {3, 0}, 0, rmHalfEven},
+        {"1 / 0", {3, 0}, {2, 0}, 0, rmHalfEven},  // looks at the share of the remainder
+        {"123 / 2", {12399, 4}, {1, 0}, 2, rmUp},
+        {"-2 / 0", {4, 0}, {-3, 0}, 0, rmHalfDown},
+        {"EZeroDivide: Divide by zero", {0, 3}, {0, 7}, 0, rmDown},
+        {"0 / 5", {0, 3}, {7, 7}, 5, rmDown},
+        {"EIntOverflow: Integer overflow (range)", {Min, 9}, {-1, 4}, 2, rmDown},
+        {"EIntOverflow: 22 is not a valid fixed scale", {1, 0}, {3, 0}, 40, rmDown},
+    };
+    for (const auto& [expected, a, b, digits, mode, force] : cases) {
+        EXPECT_EQ(Outcome([&] { return FixedDivide(a, b, digits, mode); }), expected) << a;
+    }
+}
+
+TEST(TFixedTest, ComesTo) {
+    using F = TFixed;
+    const std::pair<std::string, std::string> cases[] = {
+        {Outcome([] { return F(150, 2) + F(1, 0); }), "25 / 1"},
+        {Outcome([] { return F(150, 2) + F(150, 2); }), "300 / 2"},
+        {Outcome([] { return 1 + F(150, 2); }), "25 / 1"},
+        {Outcome([] { return F(7, 0) + F(0, 5); }), "7 / 0"},
+        {Outcome([] { return F(1, 0) + F(1, 19); }), "EIntOverflow: 19 is not a valid fixed scale"},
+        {Outcome([] { return F(MaxInt64, 0) + 1; }), "EIntOverflow: Integer overflow"},
+        {Outcome([] { return -F(Min, 3); }), "EIntOverflow: Integer overflow"},
+        {Outcome([] { return F(-1, 0) - F(Min, 0); }), "EIntOverflow: Integer overflow"},
+        {Outcome([] { return FixedDiv(F(-79, 1), 2); }), "-3 / 0"},
+        {Outcome([] { return FixedDivByInt(5, 100); }), "5 / 2"},
+        {Outcome([] { return FixedDivByInt(F(5, 1), 4); }), "125 / 3"},
+        {Outcome([] { return FixedDivByInt(-5, 0); }),
+         "EConvertError: -inf is not a valid double value"},
+        {Outcome([] { return FixedDivByInt(0, 0); }),
+         "EConvertError: nan is not a valid double value"},
+        {Outcome([] { return FixedCompact(F(0, 5), 2); }), "0 / 2"},
+        {Outcome([] { return FixedCompact(F(0, 5), -32768); }), "0 / 0"},
+        {Outcome([] { return FixedCompact(F(1200, 0), -32768); }), "12 / -2"},
+        {Outcome([] { return FixedCompact(F(1000, 3), 2); }), "100 / 2"},
+        {Outcome([] { return FixedMin(F(10, 1), F(1, 0)); }), "1 / 0"},
+        {Outcome([] { return FixedMax(F(10, 1), F(1, 0)); }), "1 / 0"},
+        {Outcome([] { return FixedToInt64(F(-15, -2)); }), "-1500 / 0"},
+        {Outcome([] { return FixedToInt64(F(-1999, 3)); }), "-1 / 0"},
+        {Outcome([] { return FixedToInt64(F(1, -32768)); }),
+         "EIntOverflow: -32768 is not a valid fixed scale"},
+        {Outcome([] { return FixedToCurrency(F(123456789, 6)).Scaled; }), "1234567 / 0"},
+        {Outcome([] { return FixedRound(F(25, 1)); }), "2 / 0"},
+        {Outcome([] { return FixedRound(F(MaxInt64, -1)); }), "EIntOverflow: Integer overflow"},
+        {Outcome([] { return static_cast<std::int32_t>(F(30'000'000'000, 0)); }),
+         "EIntOverflow: Integer overflow"},
+        {Outcome([x = F(25, 1)]() mutable { return ++x; }), "35 / 1"},
+    };
+    for (const auto& row : cases) EXPECT_EQ(row.first, row.second) << "row " << &row - cases;
 }
 
 TEST(TFixedTest, ComparesNumbersAndNotRepresentations) {

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <random>
 #include <string>
 #include <vector>
@@ -83,19 +82,11 @@ TEST(FoldCaseTest, KeepsLengthsAndNeverFoldsTwice) {
 }
 
 TEST(FoldCaseTest, KnowsTheScripts) {
-    constexpr std::array<std::array<char32_t, 2>, 12> pairs = {{{U'z', U'Z'},
-                                                                {U'\u00FF', U'\u0178'},
-                                                                {U'\u0101', U'\u0100'},
-                                                                {U'\u03C2', U'\u03A3'},
-                                                                {U'\u0451', U'\u0401'},
-                                                                {U'\u0491', U'\u0490'},
-                                                                {U'\u0561', U'\u0531'},
-                                                                {U'\u10D0', U'\u1C90'},
-                                                                {U'\u2C30', U'\u2C00'},
-                                                                {U'\uFF41', U'\uFF21'},
-                                                                {U'\u1F80', U'\u1F88'},
-                                                                {U'\U00010428', U'\U00010400'}}};
-    for (const auto& [letter, capital] : pairs) EXPECT_EQ(FoldCase(letter), capital);
+    constexpr std::u32string_view letters =
+        U"z\u00FF\u0101\u03C2\u0451\u0491\u0561\u10D0\u2C30\uFF41\u1F80\U00010428";
+    constexpr std::u32string_view capitals =
+        U"Z\u0178\u0100\u03A3\u0401\u0490\u0531\u1C90\u2C00\uFF21\u1F88\U00010400";
+    for (std::size_t i = 0; i < letters.size(); ++i) EXPECT_EQ(FoldCase(letters[i]), capitals[i]);
     // Another length, or ASCII: dotless and dotted i, sharp s, long s, kelvin, turned a.
     for (const char32_t c : U"\u0131\u0130\u00DF\u017F\u212A\u0250@[`{") EXPECT_EQ(FoldCase(c), c);
     EXPECT_EQ(ToUpper(u"stra\u00DFe \u044F\U00010428\xDC28"),
@@ -116,27 +107,14 @@ TEST(CompareTest, AgreesWithComparingFoldedCopies) {
     std::mt19937 random(seed);
     // Letters whose cases differ in the first, the last or every byte, what stands next to the
     // ASCII letters, a pair, and bytes that are no text.
-    const std::array<std::string, 18> pieces = {"a",
-                                                "A",
-                                                "z",
-                                                "Z",
-                                                "@",
-                                                "[",
-                                                "`",
-                                                "{",
-                                                "\xD1\x8F",
-                                                "\xD0\xAF",
-                                                "\xC3\xBF",
-                                                "\xC5\xB8",
-                                                "\xF0\x90\x90\xA8",
-                                                "\xF0\x90\x90\x80",
-                                                "\xD1",
-                                                "\x80",
-                                                "\xFF",
-                                                std::string(1, '\0')};
+    const std::vector<std::string_view> letters = {"a", "A", "z", "Z", "@", "[", "`", "{"};
+    std::vector<std::string_view> pieces = {
+        "\xD1\x8F",         "\xD0\xAF", "\xC3\xBF", "\xC5\xB8", "\xF0\x90\x90\xA8",
+        "\xF0\x90\x90\x80", "\xD1",     "\x80",     "\xFF",     std::string_view("\0", 1)};
+    pieces.insert(pieces.end(), letters.begin(), letters.end());
     const auto draw = [&](std::size_t length) {
         std::string text;
-        for (std::size_t i = 0; i < length; ++i) text += pieces[random() % pieces.size()];
+        for (std::size_t i = 0; i < length; ++i) text += pieces[random() % std::size(pieces)];
         return text;
     };
     const auto switchCase = [&](std::string text) {
@@ -182,32 +160,15 @@ TEST(TextTest, FindsSuffixesWithoutRegardToCase) {
     EXPECT_TRUE(EndsWithText(u"x", u""));
 }
 
-struct TIntCase {
-    std::u16string_view Text;
-    std::int32_t Value;
-};
-constexpr TIntCase IntCases[] = {
-    {u"0", 0},
-    {u"-0", 0},
-    {u"+7", 7},
-    {u"007", 7},
-    {u"2147483647", 2147483647},
-    {u"-2147483648", -2147483647 - 1},
-    {u"2147483648", -99},
-    {u"-2147483649", -99},
-    {u"99999999999999999999", -99},
-    {u"", -99},
-    {u"-", -99},
-    {u" 1", -99},
-    {u"1 ", -99},
-    {u"0x10", -99},
-    {u"1.", -99},
-    {u"\u0661", -99},
-};
-
 TEST(TextTest, ReadsWholeDecimalIntegers) {
-    for (const auto& [text, value] : IntCases) {
-        EXPECT_EQ(TextToIntDef(text, -99), value) << ToUtf8(text);
+    EXPECT_EQ(TextToIntDef(u"-0", -99), 0);
+    EXPECT_EQ(TextToIntDef(u"+7", -99), 7);
+    EXPECT_EQ(TextToIntDef(u"007", -99), 7);
+    EXPECT_EQ(TextToIntDef(u"2147483647", -99), 2147483647);
+    EXPECT_EQ(TextToIntDef(u"-2147483648", -99), -2147483647 - 1);
+    for (const std::u16string_view text : {u"2147483648", u"-2147483649", u"99999999999999999999",
+                                           u"", u"-", u" 1", u"1 ", u"0x10", u"1.", u"\u0661"}) {
+        EXPECT_EQ(TextToIntDef(text, -99), -99) << ToUtf8(text);
     }
 }
 

@@ -251,21 +251,13 @@ TEST(TMergeSortWorkTest, ComparesOnceForEachNeighbourWhenOneRunIsAll) {
     }
 }
 
-struct TRunsCase {
-    const char* Name;
-    std::vector<std::int32_t> Lengths;
-    const char* Merges;
-};
-
-class TRunsTest : public testing::TestWithParam<TRunsCase> {};
-
 // Run A comes first, and each run lies wholly below the one before. A merge then begins by
 // comparing the first items of its two runs, which nothing else does, and the merged run starts
 // with the first item of the higher one: "CB CA" reads: C with B, then these with A.
-TEST_P(TRunsTest, MeetInTheOrderThatTheirLengthsDemand) {
+std::string MergesOfRuns(const std::vector<std::int32_t>& lengths) {
     TKeys keys;
     std::int32_t base = 1 << 30;
-    for (const std::int32_t length : GetParam().Lengths) {
+    for (const std::int32_t length : lengths) {
         base -= 1000;
         for (std::int32_t i = 0; i < length; ++i) keys.push_back(base + i);
     }
@@ -288,17 +280,16 @@ TEST_P(TRunsTest, MeetInTheOrderThatTheirLengthsDemand) {
 
     MergeAll(items, TComparator::BindCall(&compare));
 
-    EXPECT_EQ(merges, GetParam().Merges);
+    return merges;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Lengths, TRunsTest,
-    testing::Values(TRunsCase{"TheFourthRunIsNotLookedAt", {120, 80, 25, 20, 30}, "DC ED EB EA"},
-                    TRunsCase{"ThirdEqualsTheSum", {50, 30, 20, 28}, "CB CA DC"},
-                    TRunsCase{"SecondEqualsTheTop", {50, 50, 28}, "BA CB"},
-                    TRunsCase{"ThirdEqualsTheTop", {25, 20, 25}, "CB CA"},
-                    TRunsCase{"ThirdBelowTheTop", {25, 20, 26}, "BA CB"}),
-    [](const auto& tested) { return std::string(tested.param.Name); });
+TEST(TMergeSortWorkTest, RunsMeetInTheOrderThatTheirLengthsDemand) {
+    EXPECT_EQ(MergesOfRuns({120, 80, 25, 20, 30}), "DC ED EB EA") << "no look at a fourth run";
+    EXPECT_EQ(MergesOfRuns({50, 30, 20, 28}), "CB CA DC") << "the third equals the sum";
+    EXPECT_EQ(MergesOfRuns({50, 50, 28}), "BA CB") << "the second equals the top";
+    EXPECT_EQ(MergesOfRuns({25, 20, 25}), "CB CA") << "the third equals the top";
+    EXPECT_EQ(MergesOfRuns({25, 20, 26}), "BA CB") << "the third is below the top";
+}
 
 // Lengths of runs that the collapse rule, which never looks at a fourth run, lets pile up to 21
 // on the stack: two more than the largest stack made for arrays of this size would hold.
@@ -363,38 +354,29 @@ TEST(TMergeSortThreadsTest, StartsNoMoreThanAskedForAndNoneForFewItems) {
     }
 }
 
-struct TSwitchCase {
-    const char* Name;
-    std::vector<std::u16string> Parameters;
-    std::int32_t Threads;
-};
-
-class TThreadsSwitchTest : public testing::TestWithParam<TSwitchCase> {};
-
-TEST_P(TThreadsSwitchTest, DecidesTheLimit) {
-    const TFakeProcess process(6, GetParam().Parameters);
-
-    EXPECT_EQ(MaxSortingThreads(), GetParam().Threads);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    CommandLines, TThreadsSwitchTest,
-    testing::Values(
-        TSwitchCase{"Absent", {}, 6}, TSwitchCase{"Dash", {u"-maxsortingthreads", u"1"}, 1},
-        TSwitchCase{"Slash", {u"x", u"/maxsortingthreads", u"3", u"y"}, 3},
-        TSwitchCase{"AnyCase", {u"-MaxSortingThreads", u"40"}, 40},
-        TSwitchCase{"ZeroMeansAllProcessors", {u"/MAXSORTINGTHREADS", u"0"}, 6},
-        TSwitchCase{"NoNumber", {u"-maxsortingthreads", u"two"}, 6},
-        TSwitchCase{"Last", {u"4", u"-maxsortingthreads"}, 6},
-        TSwitchCase{"NoDash", {u"maxsortingthreads", u"2"}, 6},
-        TSwitchCase{"LongerName", {u"-maxsortingthreadsx", u"2", u"-"}, 6},
-        TSwitchCase{"FirstOfTwo", {u"-maxsortingthreads", u"2", u"-maxsortingthreads", u"5"}, 2}),
-    [](const auto& tested) { return std::string(tested.param.Name); });
-
-TEST(TMaxSortingThreadsTest, IsOneWhenTheSystemKnowsNoProcessor) {
-    const TFakeProcess process(0);
-
-    EXPECT_EQ(MaxSortingThreads(), 1);
+TEST(TMaxSortingThreadsTest, IsDecidedByTheCommandLineAndTheProcessors) {
+    struct TCase {
+        std::int32_t Processors;
+        std::vector<std::u16string> Parameters;
+        std::int32_t Threads;
+    };
+    const TCase cases[] = {
+        {6, {}, 6},
+        {0, {}, 1},
+        {6, {u"-maxsortingthreads", u"1"}, 1},
+        {6, {u"x", u"/maxsortingthreads", u"3", u"y"}, 3},
+        {6, {u"-MaxSortingThreads", u"40"}, 40},
+        {6, {u"/MAXSORTINGTHREADS", u"0"}, 6},
+        {6, {u"-maxsortingthreads", u"two"}, 6},
+        {6, {u"4", u"-maxsortingthreads"}, 6},
+        {6, {u"maxsortingthreads", u"2"}, 6},
+        {6, {u"-maxsortingthreadsx", u"2", u"-"}, 6},
+        {6, {u"-maxsortingthreads", u"2", u"-maxsortingthreads", u"5"}, 2},
+    };
+    for (const auto& [processors, parameters, threads] : cases) {
+        const TFakeProcess process(processors, parameters);
+        EXPECT_EQ(MaxSortingThreads(), threads) << "case " << testing::PrintToString(parameters);
+    }
 }
 
 // --- Comparisons that break their promise --------------------------------------------------------
