@@ -42,8 +42,10 @@ void TUnrolledSkipList::Initialize() noexcept {
     fTrailer->Prev = fFirst;
     fLast = fFirst;
     fRightmost[0] = fFirst;
-    fBucketCount = 1;
     fById[fFirst->Id] = fFirst;
+    fOrder.Clear();
+    fOrder.Append(fFirst, 0);
+    fOrder.Finish();
 }
 
 // Releases everything; a list whose construction failed has only some of it.
@@ -117,6 +119,7 @@ PSkipListBucket TUnrolledSkipList::CreateBucket(std::int32_t levels) {
         // With room to take every id back, so that giving one back cannot fail.
         if (fById.size() == fById.capacity()) fById.reserve(2 * fById.size() + 8);
         fFreeIds.reserve(fById.capacity());
+        fOrder.Reserve(fById.capacity());
         fById.push_back(nullptr);
         fFreeIds.push_back(static_cast<std::uint32_t>(fById.size() - 1));
     }
@@ -169,20 +172,8 @@ bool TUnrolledSkipList::Put(std::int32_t index, void* value) noexcept {
     return true;
 }
 
-// The bucket with this position, and the way there. A link that ends at the trailer is wider than
-// any position, so the walk never leaves the data.
 PSkipListBucket TUnrolledSkipList::WalkTo(std::int32_t index, std::int32_t& offset) const noexcept {
-    PSkipListBucket bucket = fHeader;
-    auto rest = static_cast<std::uint32_t>(index);
-    for (std::int32_t level = fLevel; level-- > 0;) {
-        const TBucketLevel* link = &bucket->Level(level);
-        while (link->Width <= rest) {
-            rest -= link->Width;
-            bucket = link->Next;
-            link = &bucket->Level(level);
-        }
-    }
-    offset = static_cast<std::int32_t>(rest);
+    const PSkipListBucket bucket = fOrder.At(fOrder.Locate(index, offset));
     if (CacheUsable()) {
         fCache = bucket;
         fCacheOffset = index - offset;
@@ -190,22 +181,34 @@ PSkipListBucket TUnrolledSkipList::WalkTo(std::int32_t index, std::int32_t& offs
     return bucket;
 }
 
+// The bucket with this position, and the way there.
 PSkipListBucket TUnrolledSkipList::Descend(std::int32_t index, TPath& path,
                                            std::int32_t& offset) const noexcept {
-    PSkipListBucket bucket = fHeader;
-    auto rest = static_cast<std::uint32_t>(index);
-    for (std::int32_t level = fLevel; level-- > 0;) {
-        const TBucketLevel* link = &bucket->Level(level);
-        while (link->Width <= rest) {
-            rest -= link->Width;
-            bucket = link->Next;
-            link = &bucket->Level(level);
-        }
-        path.Bucket[static_cast<std::size_t>(level)] = bucket;
-        path.Before[static_cast<std::size_t>(level)] = index - static_cast<std::int32_t>(rest);
+    std::int32_t ordinal = fOrder.Locate(index, offset);
+    const PSkipListBucket bucket = fOrder.At(ordinal);
+    for (std::int32_t level = 0; level < fLevel; ++level) {
+        if (ordinal >= 0) ordinal = fOrder.TallAt(ordinal, level);
+        path.Ordinal[static_cast<std::size_t>(level)] = ordinal;
     }
-    offset = static_cast<std::int32_t>(rest);
     return bucket;
+}
+
+PSkipListBucket TUnrolledSkipList::BucketOn(const TPath& path, std::int32_t level) const noexcept {
+    const std::int32_t ordinal = path.Ordinal[static_cast<std::size_t>(level)];
+    return ordinal < 0 ? fHeader : fOrder.At(ordinal);
+}
+
+std::int32_t TUnrolledSkipList::StartOn(const TPath& path, std::int32_t level) const noexcept {
+    const std::int32_t ordinal = path.Ordinal[static_cast<std::size_t>(level)];
+    return ordinal < 0 ? 0 : fOrder.StartOf(ordinal);
+}
+
+// By so many items in the bucket at the end of the path.
+void TUnrolledSkipList::Widen(const TPath& path, std::uint32_t items) noexcept {
+    for (std::int32_t level = 0; level < fLevel; ++level) {
+        BucketOn(path, level)->Level(level).Width += items;
+    }
+    fOrder.Add(path.Ordinal[0], static_cast<std::int32_t>(items));
 }
 
 // After a change: the old cache may name a bucket that is gone, or an index that has moved.
@@ -231,6 +234,7 @@ void TUnrolledSkipList::Append(void* value) noexcept {
     for (std::int32_t level = 0; level < fLevel; ++level) {
         ++fRightmost[static_cast<std::size_t>(level)]->Level(level).Width;
     }
+    fOrder.Add(fOrder.Count() - 1, 1);
     const std::int32_t offset = fLast->List.Count();
     PutIn(fLast, offset, value, fCount - offset);
 }
@@ -239,6 +243,7 @@ void TUnrolledSkipList::Prepend(void* value) noexcept {
     for (std::int32_t level = 0; level < fLevel; ++level) {
         ++(level < fFirst->LevelCount ? fFirst : fHeader)->Level(level).Width;
     }
+    fOrder.Add(0, 1);
     PutIn(fFirst, 0, value, 0);
 }
 
@@ -253,9 +258,7 @@ void TUnrolledSkipList::InsertInside(std::int32_t index, void* value) {
     } else if (bucket->List.Count() == bucket->List.Capacity()) {
         GrowBucket(bucket);
     }
-    for (std::int32_t level = 0; level < fLevel; ++level) {
-        ++path.Bucket[static_cast<std::size_t>(level)]->Level(level).Width;
-    }
+    Widen(path, 1);
     PutIn(bucket, offset, value, index - offset);
 }
 
@@ -275,25 +278,32 @@ void TUnrolledSkipList::PutIn(PSkipListBucket bucket, std::int32_t offset, void*
 // path and the offset then lead to the place of the new item; answers its bucket.
 PSkipListBucket TUnrolledSkipList::Split(TPath& path, std::int32_t index, std::int32_t& offset,
                                          PSkipListBucket fresh) noexcept {
-    const PSkipListBucket bucket = path.Bucket[0];
+    const PSkipListBucket bucket = BucketOn(path, 0);
+    const std::int32_t ordinal = path.Ordinal[0];
     RaiseLevel(path, fresh->LevelCount);
     const std::int32_t kept = MoveHalf(bucket, index, offset, fresh);
-    const std::int32_t start = path.Before[0] + kept;
+    const std::int32_t start = StartOn(path, 0) + kept;
     const bool intoFresh = offset != 0 && offset >= kept;
     for (std::int32_t level = 0; level < fresh->LevelCount; ++level) {
         const auto at = static_cast<std::size_t>(level);
-        TBucketLevel& before = path.Bucket[at]->Level(level);
+        const PSkipListBucket holder = BucketOn(path, level);
+        TBucketLevel& before = holder->Level(level);
         // The old link is cut where `fresh` starts.
-        const auto front = static_cast<std::uint32_t>(start - path.Before[at]);
+        const auto front = static_cast<std::uint32_t>(start - StartOn(path, level));
         fresh->Level(level) = {before.Next, before.Width - front};
         before = {fresh, front};
-        if (fRightmost[at] == path.Bucket[at]) fRightmost[at] = fresh;
-        if (intoFresh) path.Bucket[at] = fresh;
+        if (fRightmost[at] == holder) fRightmost[at] = fresh;
     }
+    for (std::int32_t level = 0; intoFresh && level < fresh->LevelCount; ++level) {
+        path.Ordinal[static_cast<std::size_t>(level)] = ordinal + 1;
+    }
+    const std::int32_t moved = fresh->List.Count();
+    fOrder.Replace(ordinal, bucket);
+    fOrder.Add(ordinal, -moved);
+    fOrder.Insert(ordinal + 1, fresh, moved);
     fresh->Prev = bucket;
     fresh->Level(0).Next->Prev = fresh;
     if (fLast == bucket) fLast = fresh;
-    ++fBucketCount;
     if (intoFresh) offset -= kept;
     return intoFresh ? fresh : bucket;
 }
@@ -331,8 +341,7 @@ void TUnrolledSkipList::RaiseLevel(TPath& path, std::int32_t levels) noexcept {
         const auto at = static_cast<std::size_t>(fLevel);
         fHeader->Level(fLevel) = {fTrailer, TrailerWidth + static_cast<std::uint32_t>(fCount)};
         fRightmost[at] = fHeader;
-        path.Bucket[at] = fHeader;
-        path.Before[at] = 0;
+        path.Ordinal[at] = -1;
     }
 }
 
@@ -341,13 +350,12 @@ void* TUnrolledSkipList::Delete(std::int32_t index) {
     TPath path;
     std::int32_t offset = 0;
     PSkipListBucket bucket = Descend(index, path, offset);
-    if (MergeAround(bucket, path.Before[0])) bucket = Descend(index, path, offset);
+    if (MergeAround(bucket, index - offset)) bucket = Descend(index, path, offset);
+    const std::int32_t start = index - offset;
     // The only bucket stays, empty.
-    const bool goes = bucket->List.Count() == 1 && fBucketCount > 1;
+    const bool goes = bucket->List.Count() == 1 && fOrder.Count() > 1;
 
-    for (std::int32_t level = 0; level < fLevel; ++level) {
-        --path.Bucket[static_cast<std::size_t>(level)]->Level(level).Width;
-    }
+    Widen(path, ~std::uint32_t{0});
     void* const value = bucket->List.Get(offset);
     bucket->List.Delete(offset);
     --fCount;
@@ -357,10 +365,10 @@ void* TUnrolledSkipList::Delete(std::int32_t index) {
         if (goes) live.BucketGoes(PrevBucket(bucket), NextBucket(bucket));
     });
     if (goes) {
-        Unlink(bucket, path.Before[0]);
+        Unlink(bucket, start);
         DestroyBucket(bucket);
     }
-    Remember(goes ? nullptr : bucket, path.Before[0]);
+    Remember(goes ? nullptr : bucket, start);
     return value;
 }
 
@@ -385,6 +393,7 @@ bool TUnrolledSkipList::MergeAround(PSkipListBucket bucket, std::int32_t start) 
 void TUnrolledSkipList::Absorb(PSkipListBucket bucket, PSkipListBucket next,
                                std::int32_t nextStart) noexcept {
     const std::int32_t count = bucket->List.Count();
+    fOrder.Add(fOrder.OrdinalOf(bucket->Id), next->List.Count());
     bucket->List.Append(next->List);
     EachEnumerator([&](TSkipListEnumerator& live) {
         if (live.fBucket == next) live.Follow(bucket, count);
@@ -416,7 +425,7 @@ void TUnrolledSkipList::Unlink(PSkipListBucket bucket, std::int32_t start) noexc
     bucket->Level(0).Next->Prev = bucket->Prev;
     if (fFirst == bucket) fFirst = bucket->Level(0).Next;
     if (fLast == bucket) fLast = bucket->Prev;
-    --fBucketCount;
+    fOrder.Remove(fOrder.OrdinalOf(bucket->Id));
 }
 
 template <typename F>

@@ -34,6 +34,7 @@
 #include <new>
 #include <vector>
 
+#include "kds/containers/Bucketorder.h"
 #include "kds/containers/Deque.h"
 #include "kds/containers/Listenumerator.h"
 #include "kds/platform/Interface.h"
@@ -196,11 +197,10 @@ private:
     // them meet few pages.
     static constexpr std::array<std::size_t, 3> BlockLines{1, 2, 4};
 
-    // The way down to a position: per level the last bucket at or before it, and the items before
-    // that bucket.
+    // The way down to a position: per level the last bucket at or before it, as an ordinal; -1 is
+    // the header.
     struct TPath {
-        std::array<PSkipListBucket, MaxLevels> Bucket;
-        std::array<std::int32_t, MaxLevels> Before;
+        std::array<std::int32_t, MaxLevels> Ordinal;
     };
 
     [[nodiscard]] bool InRange(std::int32_t index) const noexcept {
@@ -225,6 +225,9 @@ private:
     [[nodiscard]] PSkipListBucket WalkTo(std::int32_t index, std::int32_t& offset) const noexcept;
     [[nodiscard]] PSkipListBucket Descend(std::int32_t index, TPath& path,
                                           std::int32_t& offset) const noexcept;
+    [[nodiscard]] PSkipListBucket BucketOn(const TPath& path, std::int32_t level) const noexcept;
+    [[nodiscard]] std::int32_t StartOn(const TPath& path, std::int32_t level) const noexcept;
+    void Widen(const TPath& path, std::uint32_t items) noexcept;
     [[nodiscard]] std::int32_t StartOf(const TSkipListBucket* bucket) const noexcept;
     void Remember(PSkipListBucket bucket, std::int32_t start) const noexcept;
 
@@ -255,6 +258,8 @@ private:
     void Refill(void* const* items, std::int32_t count, PSkipListBucket more) noexcept;
     void ReportPart(const TSkipListBucket* bucket, std::int32_t first) const noexcept;
     [[nodiscard]] const char* LinkFault() const noexcept;
+    [[nodiscard]] const char* OrderFault(const TSkipListBucket* bucket, std::int32_t ordinal,
+                                         std::int64_t start) const noexcept;
     [[nodiscard]] const char* BucketFault(const TSkipListBucket* bucket) const noexcept;
     [[nodiscard]] const char* IdFault() const noexcept;
     template <typename F>
@@ -274,7 +279,7 @@ private:
 
     // Per level in use the bucket whose link ends at the trailer; an append widens just these.
     std::array<PSkipListBucket, MaxLevels> fRightmost{};
-    std::int32_t fBucketCount = 0;
+    TBucketOrder fOrder{MaxLevels};
     ISkipListTracker* fTracker = nullptr;
     std::vector<PSkipListBucket> fById;   // nullptr for an id that no bucket of the list bears
     std::vector<std::uint32_t> fFreeIds;  // has room for every id there is

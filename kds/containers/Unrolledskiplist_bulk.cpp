@@ -51,7 +51,7 @@ void TUnrolledSkipList::Assign(void* const* items, std::int32_t count) {
     TScopeGuard release([&]() noexcept {
         while (more != nullptr) more = DestroyBucket(more);
     });
-    for (std::int32_t i = fBucketCount; i < needed; ++i) {
+    for (std::int32_t i = fOrder.Count(); i < needed; ++i) {
         const PSkipListBucket bucket = CreateBucket(DrawLevel());
         bucket->Level(0).Next = more;
         more = bucket;
@@ -71,7 +71,7 @@ void TUnrolledSkipList::Refill(void* const* items, std::int32_t count,
     std::array<std::int32_t, MaxLevels> starts{};  // of the rightmost bucket of each level
     fRightmost.fill(fHeader);
     fLevel = 1;
-    fBucketCount = 0;
+    fOrder.Clear();
     fLast = fHeader;
     std::int32_t index = 0;
     do {
@@ -90,12 +90,13 @@ void TUnrolledSkipList::Refill(void* const* items, std::int32_t count,
         fLast = bucket;
         fLevel = std::max<std::int32_t>(fLevel, bucket->LevelCount);
         fById[bucket->Id] = bucket;
-        ++fBucketCount;
+        fOrder.Append(bucket, part);
         index += part;
         if (fTracker != nullptr && part > 0)
             fTracker->Placed(items + index - part, part, bucket->Id, 0);
     } while (index < count);
     while (next != nullptr) next = DestroyBucket(next);
+    fOrder.Finish();
     for (std::int32_t level = 0; level < MaxLevels; ++level) {
         const auto at = static_cast<std::size_t>(level);
         const std::int32_t spanned = level < fLevel ? count - starts[at] : 0;
@@ -155,15 +156,8 @@ std::int32_t TUnrolledSkipList::BucketIndex(const TSkipListBucket* bucket) const
     return fCacheOffset;
 }
 
-// What is left of all items in front of it, by the widest links from here to the end.
 std::int32_t TUnrolledSkipList::StartOf(const TSkipListBucket* bucket) const noexcept {
-    std::int64_t behind = 0;
-    while (bucket != fTrailer) {
-        const TBucketLevel& link = bucket->Level(bucket->LevelCount - 1);
-        behind += link.Width;
-        bucket = link.Next;
-    }
-    return static_cast<std::int32_t>(fCount - (behind - TrailerWidth));
+    return fOrder.StartOf(fOrder.OrdinalOf(bucket->Id));
 }
 
 PSkipListBucket TUnrolledSkipList::BucketById(std::uint32_t bucketId) const noexcept {

@@ -41,6 +41,7 @@ const char* TUnrolledSkipList::LinkFault() const noexcept {
          bucket = bucket->Level(0).Next) {
         if (const char* const fault = BucketFault(bucket)) return fault;
         if (bucket->Prev != before) return "a bucket's link back";
+        if (const char* const fault = OrderFault(bucket, buckets, position)) return fault;
         for (std::int32_t level = 0; level < bucket->LevelCount; ++level) {
             const auto at = static_cast<std::size_t>(level);
             const TBucketLevel& link = rightmost[at]->Level(level);
@@ -63,7 +64,24 @@ const char* TUnrolledSkipList::LinkFault() const noexcept {
     }
     if (fLast != before || fTrailer->Prev != before) return "the last bucket";
     if (position != fCount) return "the number of items";
-    return buckets == fBucketCount ? nullptr : "the number of buckets";
+    return buckets == fOrder.Count() ? nullptr : "the number of buckets";
+}
+
+// What the compact arrays say of a bucket.
+const char* TUnrolledSkipList::OrderFault(const TSkipListBucket* bucket, std::int32_t ordinal,
+                                          std::int64_t start) const noexcept {
+    if (ordinal >= fOrder.Count() || fOrder.At(ordinal) != bucket) return "the order of buckets";
+    if (fOrder.OrdinalOf(bucket->Id) != ordinal) return "the ordinal of a bucket";
+    if (fOrder.StartOf(ordinal) != start) return "the items before a bucket";
+    std::int32_t offset = 0;
+    if (fOrder.Locate(static_cast<std::int32_t>(start), offset) != ordinal || offset != 0) {
+        return "the bucket that holds a position";
+    }
+    for (std::int32_t level = 0; level < MaxLevels; ++level) {
+        const bool reaches = fOrder.TallAt(ordinal, level) == ordinal;
+        if (reaches != (level < bucket->LevelCount)) return "the levels that a bucket reaches";
+    }
+    return nullptr;
 }
 
 const char* TUnrolledSkipList::BucketFault(const TSkipListBucket* bucket) const noexcept {
@@ -79,7 +97,7 @@ const char* TUnrolledSkipList::BucketFault(const TSkipListBucket* bucket) const 
 const char* TUnrolledSkipList::IdFault() const noexcept {
     const auto borne =
         fById.size() - static_cast<std::size_t>(std::count(fById.begin(), fById.end(), nullptr));
-    if (borne != static_cast<std::size_t>(fBucketCount)) return "an id without its bucket";
+    if (borne != static_cast<std::size_t>(fOrder.Count())) return "an id without its bucket";
     const std::size_t spare = fSpare != nullptr ? 1 : 0;
     if (borne + spare + fFreeIds.size() != fById.size()) return "an id that got lost";
     if (fFreeIds.capacity() < fById.size()) return "no room for the ids";

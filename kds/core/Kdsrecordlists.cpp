@@ -166,7 +166,6 @@ void TKdsTableRecordList::TakeOut(std::int32_t index, TOwned<TKdsRecord>* keeper
         auto* const record = static_cast<TKdsRecord*>(fItems.Get(index));
         fTable->ReserveEvents(1);
         if (bury) fTable->ReserveDead();
-        fTable->ApproachPlaces(record, TKdsApproach::Leaving);
         Notify(acPrepareDelete, record, index);
         DoDelete(index);
         errors.Run([&] { Notify(acConfirmDelete, record, index); });

@@ -209,6 +209,7 @@ void TKdsRecord::Cancel() {
 
 void TKdsRecord::Delete() {
     CheckDelete();
+    if (Owner() != nullptr) fTable->ApproachPlaces(this, TKdsApproach::Leaving);
     fTable->Records()->Remove(this);
 }
 

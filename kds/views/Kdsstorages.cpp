@@ -270,7 +270,8 @@ std::int32_t TKdsViewStorageSkip::OffsetIn(const TSkipListBucket* bucket, std::i
         }
         return -1;
     };
-    std::int32_t offset = around(guess);
+    const bool expected = fExpectedRow == record->RowID();
+    std::int32_t offset = around(expected ? fExpectedOffset : guess);
     if (offset < 0) {
         const std::int32_t likely = LikelyOffset(bucket, record);
         if (likely >= 0) offset = around(likely);

@@ -129,6 +129,7 @@ public:
         const std::size_t page = rowID / PageSize;
         if (page >= fPages.size() || fPages[page] == nullptr) return false;
         __builtin_prefetch(&fPages[page]->Entries[rowID % PageSize]);
+        __builtin_prefetch(&fPages[page]->Live);
         return true;
     }
     void Clear() noexcept { fPages.clear(); }
@@ -234,6 +235,8 @@ private:
     std::int32_t fStale = 0;  // buckets that were filled, split or merged since
     std::vector<std::unique_ptr<TKdsBucketSamples>> fSamples;  // by bucket id; hints as well
     TForecast fForecast;
+    std::uint32_t fExpectedRow = NoRowID;  // whose offset was found beforehand, a hint too
+    std::int32_t fExpectedOffset = 0;
 };
 
 class IKdsStorageFactory : public IInterface {

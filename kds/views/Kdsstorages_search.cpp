@@ -348,7 +348,9 @@ bool TKdsViewStorageSkip::ApproachPresent(const TKdsRecord* record, std::int32_t
         return true;
     }
     TUnrolledSkipList::PrefetchItem(bucket, guess);
-    if (samples != nullptr) guess = LikelyOffset(bucket, record);
+    if (samples != nullptr) guess = std::max(LikelyOffset(bucket, record), 0);
+    fExpectedRow = record->RowID();
+    fExpectedOffset = guess;
     TUnrolledSkipList::PrefetchItem(bucket, guess);
     TUnrolledSkipList::PrefetchShift(bucket, guess);
     return false;
@@ -369,7 +371,9 @@ bool TKdsViewStorageSkip::ApproachNext(const TKdsRecord* record, std::int32_t st
         TUnrolledSkipList::PrefetchItem(bucket, likely);
     } else if (step == 2) {
         constexpr std::int32_t reach = 3;
-        for (std::int32_t i = likely - reach; i <= likely + reach; ++i) {
+        const std::int32_t first = std::max(window.First - 1, likely - reach);
+        const std::int32_t last = std::min(window.Last, likely + reach);
+        for (std::int32_t i = first; i <= last; ++i) {
             if (const TKdsRecord* const row = RowAt(bucket, i)) guide.Prefetch(row);
         }
     } else {
