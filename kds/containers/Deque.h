@@ -20,6 +20,7 @@
 #include <span>
 
 #include "kds/platform/Object.h"
+#include "kds/platform/Prefetch.h"
 #include "kds/util/Sortutils.h"
 
 namespace kds {
@@ -36,7 +37,7 @@ public:
     }
     // Starts to bring the element's slot near.
     void Prefetch(std::int32_t index) const noexcept {
-        if (InRange(index)) __builtin_prefetch(&fList.get()[Slot(index)]);
+        if (InRange(index)) kds::Prefetch(&fList.get()[Slot(index)]);
     }
     // And the slots that Insert or Delete at this position will move.
     void PrefetchShift(std::int32_t index) const noexcept {

@@ -34,6 +34,7 @@
 #include "kds/core/Kdscolumns.h"
 #include "kds/core/Kdsdata.h"
 #include "kds/fixed/Fixed.h"
+#include "kds/platform/Prefetch.h"
 #include "kds/platform/Variant.h"
 #include "kds/util/Slab.h"
 
@@ -228,14 +229,14 @@ public:
     }
     // Starts to bring the record and its home buffer near; for loops over many rows.
     void Prefetch() const noexcept {
-        __builtin_prefetch(&fBuffer);
-        __builtin_prefetch(this + 1);
+        kds::Prefetch(&fBuffer);
+        kds::Prefetch(this + 1);
     }
     // The same for all of a row of usual size, before the record itself is looked at.
     void PrefetchWhole() const noexcept {
         constexpr std::ptrdiff_t line = 64;
         const auto* const block = reinterpret_cast<const std::byte*>(this);
-        for (std::ptrdiff_t i = 0; i < 3; ++i) __builtin_prefetch(block + i * line);
+        for (std::ptrdiff_t i = 0; i < 3; ++i) kds::Prefetch(block + i * line);
     }
     // Where a search key's values lie: edited or being built, else posted.
     [[nodiscard]] const std::byte* KeyBuffer() const { return FindBuffer(); }

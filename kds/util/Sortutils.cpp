@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "kds/platform/Errors.h"
+#include "kds/platform/Prefetch.h"
 #include "kds/platform/Process.h"
 #include "kds/platform/Text.h"
 #include "kds/util/Mergesort.h"
@@ -21,7 +22,7 @@ struct TDelegateCompare {
     TComparator Compare;
     std::int32_t operator()(void* a, void* b) const { return Compare(a, b); }
     // The pointers are the caller's own; one that leads nowhere is fetched in vain, no more.
-    void Prefetch(const void* item) const noexcept { __builtin_prefetch(item); }
+    void Prefetch(const void* item) const noexcept { kds::Prefetch(item); }
 };
 using TPointerMerge = TMergeState<void*, TDelegateCompare>;
 

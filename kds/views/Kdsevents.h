@@ -55,6 +55,8 @@ class TKdsViewLink : public TObject {
 public:
     ~TKdsViewLink() override;
     [[nodiscard]] TKdsView* View() const noexcept { return fView; }
+    // Leaves the view it had and hears evSourceChange, with the new view as View() already: the
+    // moment to read everything anew. nullptr for none.
     void SetView(TKdsView* view);
     [[nodiscard]] TKdsCallTime Call() const noexcept { return fCall; }
     void SetCall(TKdsCallTime value);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <span>
+#include "kds/platform/Prefetch.h"
 
 namespace kds {
 
@@ -47,8 +48,8 @@ void TKdsBucketSamples::Inserted(std::int32_t offset, std::uint64_t prefix,
     auto at =
         static_cast<std::size_t>(std::lower_bound(offsets, offsets + fCount, offset) - offsets);
     const auto count = static_cast<std::size_t>(fCount);
-    // Where the row stands before a separator of its own offset, that one moves on with the rest.
-    while (at < count && fOffsets[at] == offset && fPrefixes[at] <= prefix) ++at;
+    // Those at the very offset stay only where they must, so that none gathers where rows come in.
+    while (at < count && fOffsets[at] == offset && fPrefixes[at] < prefix) ++at;
     for (std::size_t i = at; i < count; ++i) ++fOffsets[i];
     // Rows that come where samples are far apart bring samples with them.
     const std::int32_t before = at > 0 ? fOffsets[at - 1] : 0;
@@ -58,7 +59,15 @@ void TKdsBucketSamples::Inserted(std::int32_t offset, std::uint64_t prefix,
 
 void TKdsBucketSamples::InsertSample(std::int32_t at, std::uint64_t prefix,
                                      std::int32_t offset) noexcept {
-    if (fCount == Capacity) return;
+    if (fCount == Capacity) {
+        // Where rows come and go at the same few places samples gather: half of them will do.
+        for (std::int32_t i = 0; i < Capacity / 2; ++i) {
+            fOffsets[static_cast<std::size_t>(i)] = fOffsets[static_cast<std::size_t>(2 * i)];
+            fPrefixes[static_cast<std::size_t>(i)] = fPrefixes[static_cast<std::size_t>(2 * i)];
+        }
+        fCount = Capacity / 2;
+        at = (at + 1) / 2;
+    }
     std::copy_backward(fOffsets.begin() + at, fOffsets.begin() + fCount,
                        fOffsets.begin() + fCount + 1);
     std::copy_backward(fPrefixes.begin() + at, fPrefixes.begin() + fCount,
@@ -85,18 +94,18 @@ void TKdsBucketSamples::Prefetch(double share) const noexcept {
     const auto likely = static_cast<std::int32_t>(share * fCount);
     for (const std::int32_t at : {likely - line, likely, likely + line}) {
         const auto near = static_cast<std::size_t>(std::clamp(at, 0, Capacity - 1));
-        __builtin_prefetch(&fPrefixes[near]);
-        if (at == likely) __builtin_prefetch(&fOffsets[near]);
+        kds::Prefetch(&fPrefixes[near]);
+        if (at == likely) kds::Prefetch(&fOffsets[near]);
     }
     // The steps of a bisection that lead there.
-    __builtin_prefetch(&fPrefixes[static_cast<std::size_t>(fCount / 2)]);
-    __builtin_prefetch(&fPrefixes[static_cast<std::size_t>(fCount / 4)]);
-    __builtin_prefetch(&fPrefixes[static_cast<std::size_t>(fCount / 4 * 3)]);
+    kds::Prefetch(&fPrefixes[static_cast<std::size_t>(fCount / 2)]);
+    kds::Prefetch(&fPrefixes[static_cast<std::size_t>(fCount / 4)]);
+    kds::Prefetch(&fPrefixes[static_cast<std::size_t>(fCount / 4 * 3)]);
 }
 
 void TKdsBucketSamples::PrefetchOffsets() const noexcept {
     constexpr std::size_t line = 32;  // offsets
-    for (std::size_t i = 0; i < fOffsets.size(); i += line) __builtin_prefetch(&fOffsets[i]);
+    for (std::size_t i = 0; i < fOffsets.size(); i += line) kds::Prefetch(&fOffsets[i]);
 }
 
 }  // namespace kds

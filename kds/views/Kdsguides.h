@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "kds/platform/Prefetch.h"
 #include "kds/views/Kdsorders.h"
 
 namespace kds {
@@ -34,8 +35,8 @@ public:
     }
     void Prefetch(const TKdsRecord* record, std::int32_t offset) const noexcept {
         if (!fHome) return record->Prefetch();
-        __builtin_prefetch(record->HomeBuffer());
-        __builtin_prefetch(record->HomeBuffer() + offset);
+        kds::Prefetch(record->HomeBuffer());
+        kds::Prefetch(record->HomeBuffer() + offset);
     }
 
 private:

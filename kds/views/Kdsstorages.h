@@ -21,6 +21,7 @@
 
 #include "kds/containers/Smartlist.h"
 #include "kds/core/Kdstables.h"
+#include "kds/platform/Prefetch.h"
 #include "kds/views/Kdsguides.h"
 
 namespace kds {
@@ -128,8 +129,8 @@ public:
     bool Prefetch(std::uint32_t rowID) const noexcept {
         const std::size_t page = rowID / PageSize;
         if (page >= fPages.size() || fPages[page] == nullptr) return false;
-        __builtin_prefetch(&fPages[page]->Entries[rowID % PageSize]);
-        __builtin_prefetch(&fPages[page]->Live);
+        kds::Prefetch(&fPages[page]->Entries[rowID % PageSize]);
+        kds::Prefetch(&fPages[page]->Live);
         return true;
     }
     void Clear() noexcept { fPages.clear(); }

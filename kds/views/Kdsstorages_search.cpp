@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "kds/platform/Prefetch.h"
 #include "kds/views/Kdsviews.h"
 
 namespace kds {
@@ -340,7 +341,7 @@ bool TKdsViewStorageSkip::ApproachPresent(const TKdsRecord* record, std::int32_t
     const TKdsBucketSamples* const samples = SamplesOf(id);
     std::int32_t guess = TKdsRowMap::OffsetOf(entry);
     if (step == 1) {
-        __builtin_prefetch(bucket);
+        kds::Prefetch(bucket);
         if (samples != nullptr) {
             samples->Prefetch(static_cast<double>(guess) / TUnrolledSkipList::EndBucketLimit);
             samples->PrefetchOffsets();
@@ -397,7 +398,7 @@ bool TKdsViewStorageSkip::Forecast(const TKdsRecord* record) {
     const TSkipListBucket* const bucket = items.BucketById(first->Bucket);
     if (bucket == nullptr) return false;
     fForecast = {guide, first->Bucket, {}, true};
-    __builtin_prefetch(bucket);
+    kds::Prefetch(bucket);
     if (const TKdsBucketSamples* const samples = SamplesOf(first->Bucket)) {
         const std::uint64_t low = first->Prefix;
         const bool isLast = first + 1 == fDirectory.end();
