@@ -46,7 +46,7 @@ TSlab::TSlab(std::size_t blockSize, std::size_t firstBlocks) noexcept
 void TSlab::AddChunk() {
     const bool mapped = fTotal >= LargestHeapTotal;
     const std::size_t size = mapped
-                                 ? RoundUp(std::max(fTotal / 8, fHead + fBlockSize), LargePage)
+                                 ? RoundUp(std::max(fTotal / 32, fHead + fBlockSize), LargePage)
                                  : std::max(fHead + (fTotal == 0 ? fFirstBlocks : 1) * fBlockSize,
                                             std::min(fTotal, LargestHeapChunk));
     auto* const chunk =

@@ -1,7 +1,7 @@
 // Memory for very many blocks of one size: the rows of a table, the buckets of a list.
 //
 // Shape      Blocks are cut from chunks of the heap, which grow from a few blocks to 1 MiB, and
-//            once there are 8 MiB, from chunks of large pages, each about an eighth of what is
+//            once there are 8 MiB, from chunks of large pages, each a thirty-second of what is
 //            there. Freed blocks are used again, latest first; all chunks go back to the system
 //            when no block is alive.
 // Ownership  Who creates a slab abandons it; blocks that are still alive, a table's detached rows
