@@ -117,7 +117,10 @@ void TKdsTableRecordList::InsertItem(std::int32_t index, TKdsItem* item, TReleas
     {
         // The bracket's guard covers both: they are sent without one of their own.
         TKdsTravelScope travel(fTable);
-        fTable->ApproachPlaces(record, TKdsApproach::Entering);
+        // In any other state it has no values to go by, and is refused.
+        if (record->RowState() == rsDetached) {
+            fTable->ApproachPlaces(record, TKdsApproach::Entering);
+        }
         TNotification prepare{this, acPrepareInsert, record, index};
         PassPrepareInsert(&prepare);
         fTable->ReservePlaces(record);

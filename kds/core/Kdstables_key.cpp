@@ -69,9 +69,10 @@ void TKdsTable::ReservePlaces(const TKdsRecord* record) {
 }
 
 // Placing a row waits for memory far away, in every view anew. The views' ways there are gone side
-// by side instead, so that the waits overlap.
+// by side instead, so that the waits overlap. Not from a routine of the host: a search that called
+// it may be standing on what this would renew.
 void TKdsTable::ApproachPlaces(const TKdsRecord* record, TKdsApproach way) {
-    if (fViews == nullptr) return;
+    if (fViews == nullptr || IsBusy()) return;
     constexpr std::size_t most = 16;
     std::array<TKdsViewStorage*, most> storages;
     std::size_t count = 0;

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <span>
-#include "kds/platform/Prefetch.h"
 
 namespace kds {
 

@@ -16,7 +16,6 @@
 #include <array>
 #include <cassert>
 #include <cstdint>
-#include <memory>
 
 #include "kds/platform/Prefetch.h"
 #include "kds/views/Kdsorders.h"
@@ -76,7 +75,6 @@ public:
     static constexpr std::int32_t Stride = 10;  // rows from one sample to the next, at first
     static constexpr std::int32_t Capacity = 128;
 
-    [[nodiscard]] bool IsEmpty() const noexcept { return fCount == 0; }
     // In ascending order of offsets; a prefix that is out of order is taken for its predecessor's.
     void Append(std::uint64_t prefix, std::int32_t offset) noexcept;
     // Narrows `window` to the rows whose prefixes may equal the guide's.

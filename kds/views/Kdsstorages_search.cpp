@@ -233,25 +233,24 @@ void TKdsViewStorageSkip::DropGuides() noexcept {
 }
 
 // By the directory, which may be outdated: the caller checks what it finds there. Where many
-// buckets begin with the same prefix, their first rows are asked.
+// buckets begin with the same prefix, their first rows are asked. Values may compare themselves and
+// search this very view meanwhile, so that the directory is another one afterwards.
 template <typename F>
 PSkipListBucket TKdsViewStorageSkip::LikelyBucket(const TKdsGuide& guide, F&& holds) {
     if (!UpdateDirectory(guide)) return nullptr;
     const TUnrolledSkipList& items = fRecords.fItems;
-    const auto [equal, next] = EqualBuckets(guide);
-    auto first = equal == fDirectory.begin() ? equal : equal - 1;
-    auto last = next;  // behind the last bucket that may be the one
-    while (last - first > 1) {
-        const auto middle = first + (last - first) / 2;
-        const PSkipListBucket bucket = items.BucketById(middle->Bucket);
+    const auto equal = EqualBuckets(guide);
+    auto first = static_cast<std::size_t>(equal.begin() - fDirectory.begin());
+    auto last = first + equal.size();  // behind the last bucket that may be the one
+    if (first > 0) --first;
+    while (last > first + 1) {
+        const std::size_t middle = first + (last - first) / 2;
+        const PSkipListBucket bucket = items.BucketById(fDirectory[middle].Bucket);
         if (bucket == nullptr) return nullptr;
-        if (holds(RecordOf(bucket->List.First()))) {
-            first = middle;
-        } else {
-            last = middle;
-        }
+        (holds(RecordOf(bucket->List.First())) ? first : last) = middle;
+        if (last > fDirectory.size()) return nullptr;
     }
-    return items.BucketById(first->Bucket);
+    return items.BucketById(fDirectory[first].Bucket);
 }
 
 // The buckets that begin with the prefix that is sought.
