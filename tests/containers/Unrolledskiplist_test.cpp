@@ -81,15 +81,6 @@ private:
 
 // --- Buckets -----------------------------------------------------------------------------------
 
-TEST(TUnrolledSkipListTest, StartsWithOneEmptyBucket) {
-    const TUnrolledSkipList list;
-
-    EXPECT_EQ(list.Inconsistency(), nullptr);
-    EXPECT_EQ(BucketCounts(list), TCounts{0});
-    EXPECT_EQ(list.Get(0), nullptr);
-    EXPECT_EQ(list.begin(), list.end());
-}
-
 struct TSplitCase {
     const char* Name;
     std::int32_t Appended, InsertedInside, Position;
@@ -126,56 +117,44 @@ INSTANTIATE_TEST_SUITE_P(
                     TSplitCase{"BeforeAGrownBucket", 1024, 100, 0, {1, 1124}}),
     [](const auto& tested) { return std::string(tested.param.Name); });
 
-TEST(TUnrolledSkipListTest, MergesNeighboursThatHoldFewBeforeTheRemoval) {
-    for (const bool first : {true, false}) {
-        const auto list = MakeList(2048);
-        for (std::int32_t i = 0; i < 767; ++i) list->Delete(0);
-        for (std::int32_t i = 0; i < 767; ++i) list->Delete(list->Count() - 1);
-        ASSERT_EQ(BucketCounts(*list), (TCounts{257, 257}));
+struct TDeletionCase {
+    TCounts Before;
+    std::int32_t Position;
+    TCounts After;
+};
+const TDeletionCase Deletions[] = {
+    {{257, 257}, 0, {256, 257}},  // 514 before: not yet
+    {{257, 257}, 513, {257, 256}},
+    {{256, 257}, 0, {512}},
+    {{257, 256}, 512, {512}},
+    {{300, 214, 300}, 400, {300, 213, 300}},
+    {{300, 213, 300}, 400, {512, 300}},  // with the predecessor first
+    {{1, 1024, 1}, 1025, {1, 1024}},
+    {{1, 1024, 1}, 0, {1024, 1}},
+    {{1}, 0, {0}},  // the only bucket stays
+};
 
-        list->Delete(first ? 0 : 513);  // 514 before: not yet
-        EXPECT_EQ(BucketCounts(*list), first ? (TCounts{256, 257}) : (TCounts{257, 256}));
-        list->Delete(first ? 0 : 512);
+TEST(TUnrolledSkipListTest, DeletionsMergeSmallNeighboursAndDropEmptyBuckets) {
+    for (const auto& [before, position, after] : Deletions) {
+        SCOPED_TRACE(testing::PrintToString(before));
+        const auto list = MakeList(1024 * static_cast<std::int32_t>(before.size()));
+        std::int32_t first = 0;
+        for (const std::int32_t count : before) {
+            for (std::int32_t i = count; i < 1024; ++i) list->Delete(first);
+            first += count;
+        }
+        ASSERT_EQ(BucketCounts(*list), before);
+        TItems expected = Contents(*list);
 
+        EXPECT_EQ(list->Delete(position), expected[static_cast<std::size_t>(position)]);
+
+        expected.erase(expected.begin() + position);
         EXPECT_EQ(list->Inconsistency(), nullptr);
-        EXPECT_EQ(BucketCounts(*list), TCounts{512});
+        EXPECT_EQ(BucketCounts(*list), after);
+        EXPECT_EQ(Contents(*list), expected);
+        EXPECT_EQ(list->Add(Item(9999)), static_cast<std::int32_t>(expected.size()));
+        EXPECT_EQ(list->Get(list->Count() - 1), Item(9999));
     }
-}
-
-TEST(TUnrolledSkipListTest, MergesIntoThePredecessorRatherThanWithTheSuccessor) {
-    const auto list = MakeList(3072);
-    const auto shrink = [&](std::int32_t position, std::int32_t times) {
-        for (std::int32_t i = 0; i < times; ++i) list->Delete(position);
-    };
-    shrink(0, 1024 - 300);
-    shrink(300, 1024 - 214);
-    shrink(514, 1024 - 300);
-    ASSERT_EQ(BucketCounts(*list), (TCounts{300, 214, 300}));
-    list->Delete(400);  // 514 on either side
-    ASSERT_EQ(BucketCounts(*list), (TCounts{300, 213, 300}));
-    void* const expected = list->Get(400);
-
-    EXPECT_EQ(list->Delete(400), expected);
-
-    EXPECT_EQ(BucketCounts(*list), (TCounts{512, 300}));
-    EXPECT_EQ(list->Inconsistency(), nullptr);
-}
-
-TEST(TUnrolledSkipListTest, DropsABucketWithItsLastItemButKeepsTheOnlyOne) {
-    const auto list = MakeList(1025);
-    list->Insert(0, Item(5000));
-    ASSERT_EQ(BucketCounts(*list), (TCounts{1, 1024, 1}));
-
-    EXPECT_EQ(list->Delete(1025), Item(1024));
-    EXPECT_EQ(list->Delete(0), Item(5000));
-    EXPECT_EQ(list->Inconsistency(), nullptr);
-    EXPECT_EQ(BucketCounts(*list), TCounts{1024});
-
-    while (list->Count() > 0) list->Delete(0);
-    EXPECT_EQ(list->Inconsistency(), nullptr);
-    EXPECT_EQ(BucketCounts(*list), TCounts{0});
-    EXPECT_EQ(list->Add(Item(3)), 0);
-    EXPECT_EQ(list->Get(0), Item(3));
 }
 
 TEST(TUnrolledSkipListTest, AnswersNothingOutOfRangeAndRefusesChangesThere) {
@@ -206,7 +185,6 @@ TEST(TUnrolledSkipListTest, IsRefilledAsAppendingWouldFillIt) {
 
         EXPECT_EQ(list->Inconsistency(), nullptr) << count;
         EXPECT_EQ(BucketCounts(*list), BucketCounts(*MakeList(count))) << count;
-        EXPECT_EQ(Contents(*list), items) << count;
         EXPECT_EQ(TItems(list->begin(), list->end()), items) << count;
         for (std::int32_t i = 0; i < count; ++i) {
             ASSERT_EQ(list->Get(i), Item(i));
@@ -250,27 +228,25 @@ TEST(TUnrolledSkipListSortTest, SortsStablyAndKeepsTheItemsWhenTheComparisonRais
     for (std::int32_t i = 0; i < 30'000; ++i) {
         list->Insert(static_cast<std::int32_t>(random() % static_cast<unsigned>(i + 1)), Item(i));
     }
-    const TItems before = Contents(*list);
+    TItems items = Contents(*list);
     std::int32_t calls = 0;
     auto raising = [&](void* a, void* b) {
         if (++calls == 200'000) throw EConvertError(u"no order");
         return ByAddress(a, b);
     };
     EXPECT_THROW(list->Sort(TComparator::BindCall(&raising), 1), EConvertError);
-    EXPECT_EQ(Contents(*list), before);
+    EXPECT_EQ(Contents(*list), items);
     EXPECT_EQ(list->Inconsistency(), nullptr);
 
     // By tens only, so that equal items must keep their order.
     auto tens = [](void* a, void* b) {
         const auto ten = [](void* item) { return reinterpret_cast<std::intptr_t>(item) / 80; };
-        return ten(a) < ten(b) ? -1 : ten(a) > ten(b) ? 1 : 0;
+        return static_cast<std::int32_t>(ten(a) - ten(b));
     };
     list->Sort(TComparator::BindCall(&tens));
 
-    TItems expected = before;
-    std::stable_sort(expected.begin(), expected.end(),
-                     [&](void* a, void* b) { return tens(a, b) < 0; });
-    EXPECT_EQ(Contents(*list), expected);
+    std::ranges::stable_sort(items, [&](void* a, void* b) { return tens(a, b) < 0; });
+    EXPECT_EQ(Contents(*list), items);
     EXPECT_EQ(list->Inconsistency(), nullptr);
     EXPECT_EQ(BucketCounts(*list).front(), 1024);
 }
@@ -287,12 +263,10 @@ TEST(TUnrolledSkipListSortTest, IsReadByAllThreadsOfASortWithoutItsCache) {
     const auto keys = MakeList(count);
     TItems positions;
     for (std::intptr_t i = 0; i < count; ++i) positions.push_back(Item(i * 7919 % count));
-    auto compare = [&](void* a, void* b) {
-        const auto key = [&](void* item) {
-            return keys->Get(static_cast<std::int32_t>(reinterpret_cast<std::intptr_t>(item) / 8));
-        };
-        return ByAddress(key(a), key(b));
+    const auto key = [&](void* item) {
+        return keys->Get(static_cast<std::int32_t>(reinterpret_cast<std::intptr_t>(item) / 8));
     };
+    auto compare = [&](void* a, void* b) { return ByAddress(key(a), key(b)); };
 
     MergeSortList(positions.data(), 0, count - 1, TComparator::BindCall(&compare), 0);
 
@@ -336,38 +310,19 @@ TEST(TUnrolledSkipListSearchTest, LooksAtFewBucketsAndFewItemsOfOne) {
             return first <= Item(sought);
         });
         ASSERT_EQ(place.Index, sought / 1024 * 1024);
-        ASSERT_EQ(TUnrolledSkipList::ItemAt(place.Bucket, 0), Item(place.Index));
+        ASSERT_EQ(place.Bucket, list->BucketAt(sought).Bucket);
         ASSERT_EQ(list->BucketIndex(place.Bucket), place.Index);
-        ASSERT_EQ(list->BucketAt(sought).Bucket, place.Bucket);
-        ASSERT_LT(asked.size(),
-                  120u);  // of 196 buckets; some twenty as a rule, but levels are drawn
+        // Of 196 buckets; some twenty as a rule, but levels are drawn.
+        ASSERT_LT(asked.size(), 120u);
     }
     const TBucketPlace lowest = list->LowerBucket([](void*) { return false; });
     EXPECT_EQ(lowest.Bucket, list->FirstBucket());
-    EXPECT_EQ(lowest.Index, 0);
-    EXPECT_EQ(list->PrevBucket(lowest.Bucket), nullptr);
     EXPECT_EQ(list->LowerBucket([](void*) { return true; }).Bucket, list->LastBucket());
 }
 
 // --- Enumerators ---------------------------------------------------------------------------------
 
-TItems Rest(IListEnumerator& live) {
-    TItems items;
-    while (live.MoveNext()) items.push_back(live.GetCurrent());
-    return items;
-}
-
-TEST(TSkipListEnumeratorTest, VisitsEveryItemFromEitherEnd) {
-    for (const std::int32_t count : {0, 1, 1024, 3000}) {
-        const auto list = MakeList(count);
-        TItems items = Numbered(count);
-
-        EXPECT_EQ(Rest(*list->GetEnumerator(ledForward)), items);
-        std::reverse(items.begin(), items.end());
-        EXPECT_EQ(Rest(*list->GetEnumerator(ledReverse)), items);
-    }
-}
-
+// Buckets go under its feet. The model below rarely empties one.
 TEST(TSkipListEnumeratorTest, VisitsAllWhileItsItemsAreDeletedBehindIt) {
     for (const auto direction : {ledForward, ledReverse}) {
         const auto list = MakeList(5000);
@@ -381,23 +336,9 @@ TEST(TSkipListEnumeratorTest, VisitsAllWhileItsItemsAreDeletedBehindIt) {
             ASSERT_EQ(list->Inconsistency(), nullptr);
         }
         TItems expected = Numbered(5000);
-        if (direction == ledReverse) std::reverse(expected.begin(), expected.end());
+        if (direction == ledReverse) std::ranges::reverse(expected);
         EXPECT_EQ(visited, expected);
     }
-}
-
-TEST(TSkipListEnumeratorTest, MeetsWhatIsPutAtTheEndsBeforeItStarts) {
-    const auto list = MakeList(1024);
-    const auto forward = list->GetEnumerator(ledForward);
-    const auto reverse = list->GetEnumerator(ledReverse);
-
-    list->Insert(0, Item(5000));
-    list->Add(Item(6000));
-
-    ASSERT_TRUE(forward->MoveNext());
-    EXPECT_EQ(forward->GetCurrent(), Item(5000));
-    ASSERT_TRUE(reverse->MoveNext());
-    EXPECT_EQ(reverse->GetCurrent(), Item(6000));
 }
 
 TEST(TSkipListEnumeratorTest, EndsWithTheListItsContentsOrItsOrder) {
@@ -420,7 +361,8 @@ TEST(TSkipListEnumeratorTest, EndsWithTheListItsContentsOrItsOrder) {
     }
     const auto list = MakeList(1);
     const auto over = list->GetEnumerator(ledForward);
-    EXPECT_EQ(Rest(*over).size(), 1u);
+    EXPECT_TRUE(over->MoveNext());
+    EXPECT_FALSE(over->MoveNext());
     list->Add(Item(1));
     EXPECT_FALSE(over->MoveNext());
     EXPECT_EQ(over->GetCurrent(), nullptr);
@@ -618,13 +560,11 @@ TEST(TUnrolledSkipListMemoryTest, AllocatesNothingInAnInsertionThatWasReserved) 
     std::mt19937 random(support::Seed());
     const auto list = MakeList(1024);
     for (std::int32_t i = 0; i < 60'000; ++i) {
-        const std::int32_t spot = i / 10'000;  // at the end, at 0, in one place, anywhere
-        const std::int32_t position =
-            spot == 0   ? list->Count()
-            : spot == 1 ? 0
-            : spot == 2
-                ? list->Count() / 2
-                : static_cast<std::int32_t>(random() % static_cast<unsigned>(list->Count()));
+        const std::int32_t count = list->Count();
+        const auto anywhere =
+            static_cast<std::int32_t>(random() % static_cast<std::uint32_t>(count));
+        const std::int32_t spots[] = {count, 0, count / 2, anywhere, anywhere, anywhere};
+        const std::int32_t position = spots[i / 10'000];
         list->Reserve();
         const std::int64_t allocations = support::Allocations();
         list->Insert(position, Item(i));
@@ -638,15 +578,13 @@ TEST(TUnrolledSkipListMemoryTest, AllocatesNothingInAnInsertionThatWasReserved) 
 }
 
 TEST(TUnrolledSkipListMemoryTest, TheBucketThatWentServesTheNextSplit) {
-    const auto list = MakeList(1024);
-    for (std::int32_t i = 0; i < 3; ++i) {
-        list->Add(Item(1));
-        const std::int64_t allocations = support::Allocations();
-        list->Delete(1024);
-        list->Add(Item(1));
-        list->Delete(1024);
-        EXPECT_EQ(support::Allocations(), allocations);
-    }
+    const auto list = MakeList(1025);
+    list->Delete(1024);
+    const std::int64_t allocations = support::Allocations();
+
+    list->Add(Item(1));
+
+    EXPECT_EQ(support::Allocations(), allocations);
 }
 
 }  // namespace

@@ -41,80 +41,35 @@ std::string Outcome(F&& operation) {
 constexpr TFixedRoundingMode Modes[] = {rmNone, rmCeiling,  rmDown,     rmFloor,
                                         rmUp,   rmHalfDown, rmHalfEven, rmHalfUp};
 
-const std::int64_t Min = MinInt64;
-
-struct TRoundedCase {
-    std::string Expected;
-    TFixed A, B;
-    std::int32_t Digits;
-    TFixedRoundingMode Mode;
-    bool Force = false;
-};
-
-TEST(TFixedTest, RoundsToAScale) {
-    const TRoundedCase cases[] = {
-        {"12 / 1", {125, 2}, {}, 1, rmHalfEven},
-        {"13 / 1", {125, 2}, {}, 1, rmHalfUp},
-        {"12 / 1", {125, 2}, {}, 1, rmHalfDown},
-        {"-13 / 1", {-125, 2}, {}, 1, rmHalfUp},
-        {"-12 / 1", {-125, 2}, {}, 1, rmCeiling},
-        {"-13 / 1", {-125, 2}, {}, 1, rmFloor},
-        {"12 / 1", {120, 2}, {}, 1, rmNone},
-        {"EMathError: Rounding is necessary", {125, 2}, {}, 1, rmNone},
-        {"EIntOverflow: 19 is not a valid fixed scale", {1, 2}, {}, 21, rmUp},
-        {"EIntOverflow: 19 is not a valid fixed scale", {1, 21}, {}, 2, rmUp},
-    };
-    for (const auto& [expected, a, b, digits, mode, force] : cases) {
-        const auto scale = static_cast<std::int16_t>(digits);
-        EXPECT_EQ(Outcome([&] { return FixedRoundTo(a, scale, mode); }), expected) << a;
-    }
-}
-
-TEST(TFixedTest, Multiplies) {
-    const TRoundedCase cases[] = {
-        {"30 / 1", {15, 1}, {2, 0}, 4, rmHalfUp},
-        {"30000 / 4", {15, 1}, {2, 0}, 4, rmHalfUp, true},
-        {"1234567890123456780 / 8", {123456789012345678, 9}, {100, 0}, 9, rmHalfUp},
-        {"922337203685477580 / -1", {1, 0}, {MaxInt64, 0}, 0, rmUp},  // loses a digit of the second
-        {"-9223372036854775808 / 0", {Min, 0}, {1, 0}, 0, rmNone, true},
-        {"EIntOverflow: Integer overflow", {Min, 0}, {-1, 0}, 0, rmNone, true},
-        {"-922337203685477581 / -1", {Min / 2, 0}, {2, 0}, 5, rmHalfUp},
-        {"0 / 4464", {5, 1}, {0, 9}, 70'000, rmNone},
-    };
-    for (const auto& [expected, a, b, digits, mode, force] : cases) {
-        EXPECT_EQ(Outcome([&] { return FixedMultiply(a, b, digits, mode, force); }), expected) << a;
-    }
-}
-
-TEST(TFixedTest, Divides) {
-    const TRoundedCase cases[] = {
-        {"3333 / 4", {1, 0}, {3, 0}, 4, rmHalfUp},
-        {"3334 / 4", {1, 0}, {3, 0}, 4, rmUp},
-        {"1 / 0", {2, 0}, {3, 0}, 0, rmHalfEven},
-        {"1 / 0", {3, 0}, {2, 0}, 0, rmHalfEven},  // looks at the share of the remainder
-        {"123 / 2", {12399, 4}, {1, 0}, 2, rmUp},
-        {"-2 / 0", {4, 0}, {-3, 0}, 0, rmHalfDown},
-        {"EZeroDivide: Divide by zero", {0, 3}, {0, 7}, 0, rmDown},
-        {"0 / 5", {0, 3}, {7, 7}, 5, rmDown},
-        {"EIntOverflow: Integer overflow (range)", {Min, 9}, {-1, 4}, 2, rmDown},
-        {"EIntOverflow: 22 is not a valid fixed scale", {1, 0}, {3, 0}, 40, rmDown},
-    };
-    for (const auto& [expected, a, b, digits, mode, force] : cases) {
-        EXPECT_EQ(Outcome([&] { return FixedDivide(a, b, digits, mode); }), expected) << a;
-    }
-}
-
+// What the models further down do not call, and the texts of the refusals, which they do not know.
 TEST(TFixedTest, ComesTo) {
     using F = TFixed;
+    static constexpr F Least(MinInt64, 0);
+    const std::string overflow = "EIntOverflow: Integer overflow";
     const std::pair<std::string, std::string> cases[] = {
+        {Outcome([] { return FixedRoundTo(F(125, 2), 1, rmHalfEven); }), "12 / 1"},
+        {Outcome([] { return FixedRoundTo(F(-125, 2), 1, rmHalfUp); }), "-13 / 1"},
+        {Outcome([] { return FixedRoundTo(F(125, 2), 1, rmNone); }),
+         "EMathError: Rounding is necessary"},
+        {Outcome([] { return FixedRoundTo(F(1, 21), 2, rmUp); }),
+         "EIntOverflow: 19 is not a valid fixed scale"},
+        {Outcome([] { return FixedMultiply(F(15, 1), F(2, 0), 4, rmHalfUp, false); }), "30 / 1"},
+        {Outcome([] { return FixedMultiply(F(15, 1), F(2, 0), 4, rmHalfUp, true); }), "30000 / 4"},
+        // A digit of the second is lost.
+        {Outcome([] { return FixedMultiply(1, MaxInt64, 0, rmUp, false); }),
+         "922337203685477580 / -1"},
+        {Outcome([] { return FixedMultiply(F(5, 1), F(0, 9), 70'000, rmNone, false); }),
+         "0 / 4464"},
+        {Outcome([] { return FixedMultiply(Least, -1, 0, rmNone, true); }), overflow},
+        {Outcome([] { return FixedDivide(1, 3, 4, rmUp); }), "3334 / 4"},
+        // It looks at the share of the remainder.
+        {Outcome([] { return FixedDivide(3, 2, 0, rmHalfEven); }), "1 / 0"},
+        {Outcome([] { return FixedDivide(0, 0, 0, rmDown); }), "EZeroDivide: Divide by zero"},
+        {Outcome([] { return FixedDivide(Least, F(-1, 4), 2, rmDown); }), overflow + " (range)"},
         {Outcome([] { return F(150, 2) + F(1, 0); }), "25 / 1"},
-        {Outcome([] { return F(150, 2) + F(150, 2); }), "300 / 2"},
         {Outcome([] { return 1 + F(150, 2); }), "25 / 1"},
-        {Outcome([] { return F(7, 0) + F(0, 5); }), "7 / 0"},
-        {Outcome([] { return F(1, 0) + F(1, 19); }), "EIntOverflow: 19 is not a valid fixed scale"},
-        {Outcome([] { return F(MaxInt64, 0) + 1; }), "EIntOverflow: Integer overflow"},
-        {Outcome([] { return -F(Min, 3); }), "EIntOverflow: Integer overflow"},
-        {Outcome([] { return F(-1, 0) - F(Min, 0); }), "EIntOverflow: Integer overflow"},
+        {Outcome([] { return -Least; }), overflow},
+        {Outcome([] { return -1 - Least; }), overflow},
         {Outcome([] { return FixedDiv(F(-79, 1), 2); }), "-3 / 0"},
         {Outcome([] { return FixedDivByInt(5, 100); }), "5 / 2"},
         {Outcome([] { return FixedDivByInt(F(5, 1), 4); }), "125 / 3"},
@@ -134,9 +89,8 @@ TEST(TFixedTest, ComesTo) {
          "EIntOverflow: -32768 is not a valid fixed scale"},
         {Outcome([] { return FixedToCurrency(F(123456789, 6)).Scaled; }), "1234567 / 0"},
         {Outcome([] { return FixedRound(F(25, 1)); }), "2 / 0"},
-        {Outcome([] { return FixedRound(F(MaxInt64, -1)); }), "EIntOverflow: Integer overflow"},
-        {Outcome([] { return static_cast<std::int32_t>(F(30'000'000'000, 0)); }),
-         "EIntOverflow: Integer overflow"},
+        {Outcome([] { return FixedRound(F(MaxInt64, -1)); }), overflow},
+        {Outcome([] { return static_cast<std::int32_t>(F(30'000'000'000, 0)); }), overflow},
         {Outcome([x = F(25, 1)]() mutable { return ++x; }), "35 / 1"},
     };
     for (const auto& row : cases) EXPECT_EQ(row.first, row.second) << "row " << &row - cases;
@@ -145,7 +99,6 @@ TEST(TFixedTest, ComesTo) {
 TEST(TFixedTest, ComparesNumbersAndNotRepresentations) {
     EXPECT_EQ(TFixed(150, 2), TFixed(15, 1));
     EXPECT_FALSE(FixedSameValue({150, 2}, {15, 1}));
-    EXPECT_LT(TFixed(-15, 1), -1);
     EXPECT_GT(2, TFixed(19, 1));
     EXPECT_EQ(FixedCompareValue({0, 500}, {0, -500}), 0);
     EXPECT_EQ(FixedCompareValue({0, 500}, {-3, 0}), 1);

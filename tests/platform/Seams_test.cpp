@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cmath>
 #include <cstdlib>
 #include <ctime>
@@ -24,19 +25,22 @@ namespace kds {
 namespace {
 
 TEST(ClockTest, TellsLocalTimeAndNeverGoesBack) {
-    const std::time_t before = std::time(nullptr);
+    // Not std::time, whose clock lags by a tick; and what is told is rounded to the millisecond.
+    const auto seconds = [](std::chrono::milliseconds ahead) {
+        return std::chrono::system_clock::to_time_t(std::chrono::system_clock::now() + ahead);
+    };
+    const std::time_t before = seconds(std::chrono::milliseconds(0));
     const TDayTime now = SplitDateTime(Now().Days);
-    const std::time_t after = std::time(nullptr);
+    const std::time_t after = seconds(std::chrono::milliseconds(1));
     const TCalendarDate date = DateOfDays(now.Day);
-    const int seconds = now.Milliseconds / 1'000;
-    std::tm local{};
+    const int ofDay = now.Milliseconds / 1'000;
+    std::tm local = *std::localtime(&before);
     local.tm_year = date.Year - 1900;
     local.tm_mon = date.Month - 1;
     local.tm_mday = date.Day;
-    local.tm_hour = seconds / 3'600;
-    local.tm_min = seconds / 60 % 60;
-    local.tm_sec = seconds % 60;
-    local.tm_isdst = std::localtime(&before)->tm_isdst;
+    local.tm_hour = ofDay / 3'600;
+    local.tm_min = ofDay / 60 % 60;
+    local.tm_sec = ofDay % 60;
     const std::time_t told = std::mktime(&local);
 
     EXPECT_LE(before, told);

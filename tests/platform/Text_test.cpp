@@ -52,17 +52,12 @@ INSTANTIATE_TEST_SUITE_P(Forms, TDecodeTest, testing::ValuesIn(DecodeCases),
                          [](const auto& tested) { return std::string(tested.param.Name); });
 
 TEST(TextTest, SendsOtherLoneSurrogatesOutAsThreeBytes) {
+    std::string target = "key=";
+    AppendUtf8(target, u"\u00E9");
+    EXPECT_EQ(target, "key=\xC3\xA9");
     EXPECT_EQ(ToUtf8(u"\xD83Dx"), "\xED\xA0\xBDx");
     EXPECT_EQ(ToUtf8(u"\xDE00"), "\xED\xB8\x80");
     EXPECT_EQ(ToUtf8(u"\xDC7F"), "\xED\xB1\xBF");  // just outside the escaped bytes
-}
-
-TEST(TextTest, AppendsBehindWhatTheTargetHolds) {
-    std::string target = "key=";
-
-    AppendUtf8(target, u"\u00E9");
-
-    EXPECT_EQ(target, "key=\xC3\xA9");
 }
 
 // --- Folding ---------------------------------------------------------------------------------
@@ -96,10 +91,7 @@ TEST(FoldCaseTest, KnowsTheScripts) {
 // --- Comparison ------------------------------------------------------------------------------
 
 // The definition itself: fold the whole of both texts, then compare code units.
-std::string FoldedBytes(std::string_view text) {
-    std::u16string wide = ToUtf16(text);
-    return ToUtf8(ToUpper(wide));
-}
+std::string FoldedBytes(std::string_view text) { return ToUtf8(ToUpper(ToUtf16(text))); }
 
 TEST(CompareTest, AgreesWithComparingFoldedCopies) {
     const std::uint32_t seed = support::Seed();
@@ -107,11 +99,13 @@ TEST(CompareTest, AgreesWithComparingFoldedCopies) {
     std::mt19937 random(seed);
     // Letters whose cases differ in the first, the last or every byte, what stands next to the
     // ASCII letters, a pair, and bytes that are no text.
-    const std::vector<std::string_view> letters = {"a", "A", "z", "Z", "@", "[", "`", "{"};
-    std::vector<std::string_view> pieces = {
-        "\xD1\x8F",         "\xD0\xAF", "\xC3\xBF", "\xC5\xB8", "\xF0\x90\x90\xA8",
-        "\xF0\x90\x90\x80", "\xD1",     "\x80",     "\xFF",     std::string_view("\0", 1)};
-    pieces.insert(pieces.end(), letters.begin(), letters.end());
+    std::vector<std::string_view> pieces = {"a", "A", "z", "Z", "@", "[", "`", "{"};
+    for (const std::string_view odd :
+         {"\xD1\x8F", "\xD0\xAF", "\xC3\xBF", "\xC5\xB8", "\xF0\x90\x90\xA8", "\xF0\x90\x90\x80",
+          "\xD1", "\x80", "\xFF"}) {
+        pieces.push_back(odd);
+    }
+    pieces.emplace_back("\0", 1);
     const auto draw = [&](std::size_t length) {
         std::string text;
         for (std::size_t i = 0; i < length; ++i) text += pieces[random() % std::size(pieces)];
@@ -138,14 +132,6 @@ TEST(CompareTest, AgreesWithComparingFoldedCopies) {
     }
 }
 
-TEST(CompareTest, IsUnsignedAndGoesPastZeros) {
-    EXPECT_EQ(CompareAnsi("\xFF", "a", false), 1);
-    EXPECT_EQ(CompareText(u"\xFFFF", u"a", false), 1);
-    EXPECT_EQ(CompareAnsi(std::string_view("a\0b", 3), std::string_view("a\0c", 3), true), -1);
-    EXPECT_EQ(CompareText(u"abcdefgh", u"ABCDEFG", true), 1);
-    EXPECT_EQ(CompareText(u"", u"", true), 0);
-}
-
 // --- Small helpers ---------------------------------------------------------------------------
 
 TEST(TextTest, TrimsBlanksAtBothEnds) {
@@ -157,13 +143,11 @@ TEST(TextTest, TrimsBlanksAtBothEnds) {
 TEST(TextTest, FindsSuffixesWithoutRegardToCase) {
     EXPECT_TRUE(EndsWithText(u"Price DESC", u"desc"));
     EXPECT_FALSE(EndsWithText(u"esc", u"desc"));
-    EXPECT_TRUE(EndsWithText(u"x", u""));
 }
 
 TEST(TextTest, ReadsWholeDecimalIntegers) {
     EXPECT_EQ(TextToIntDef(u"-0", -99), 0);
-    EXPECT_EQ(TextToIntDef(u"+7", -99), 7);
-    EXPECT_EQ(TextToIntDef(u"007", -99), 7);
+    EXPECT_EQ(TextToIntDef(u"+007", -99), 7);
     EXPECT_EQ(TextToIntDef(u"2147483647", -99), 2147483647);
     EXPECT_EQ(TextToIntDef(u"-2147483648", -99), -2147483647 - 1);
     for (const std::u16string_view text : {u"2147483648", u"-2147483649", u"99999999999999999999",

@@ -20,35 +20,24 @@ struct TMistake {
 };
 
 TOwned<TKdsRecord> ForeignRow(TW& w) { return w.Empty->NewRow(); }
+TOwned<TKdsOrderColumnList> ForeignColumns(TW& w) {
+    TOwned<TKdsOrderColumnList> columns = TKdsOrderColumnList::Create();
+    columns->Parse(w.Empty, u"B");
+    return columns;
+}
+void Seek(TW& w, TKdsRecord* row, TKdsOrderColumnList* columns) {
+    std::int32_t index = 0;
+    bool found = false;
+    w.ByName->Search(row, columns, -1, {}, index, found);
+}
 constexpr std::int32_t Largest = std::numeric_limits<std::int32_t>::max();
 
 const TMistake Mistakes[] = {
-    {"NoRowToSearch",
-     [](TW& w) {
-         std::int32_t index = 0;
-         bool found = false;
-         w.ByName->Search(nullptr, nullptr, -1, {}, index, found);
-     }},
-    {"ForeignRowToSearch",
-     [](TW& w) {
-         std::int32_t index = 0;
-         bool found = false;
-         w.ByName->Search(ForeignRow(w).get(), nullptr, -1, {}, index, found);
-     }},
-    {"ForeignColumnsToSearch",
-     [](TW& w) {
-         const TOwned<TKdsOrderColumnList> columns = TKdsOrderColumnList::Create();
-         columns->Parse(w.Empty, u"B");
-         std::int32_t index = 0;
-         bool found = false;
-         w.ByName->Search(w.Row(3), columns.get(), -1, {}, index, found);
-     }},
+    {"NoRowToSearch", [](TW& w) { Seek(w, nullptr, nullptr); }},
+    {"ForeignRowToSearch", [](TW& w) { Seek(w, ForeignRow(w).get(), nullptr); }},
+    {"ForeignColumnsToSearch", [](TW& w) { Seek(w, w.Row(3), ForeignColumns(w).get()); }},
     {"ForeignColumnsToCompare",
-     [](TW& w) {
-         const TOwned<TKdsOrderColumnList> columns = TKdsOrderColumnList::Create();
-         columns->Parse(w.Empty, u"B");
-         (void)w.Row(3)->Compare(columns.get(), -1, w.Row(4), {});
-     }},
+     [](TW& w) { (void)w.Row(3)->Compare(ForeignColumns(w).get(), -1, w.Row(4), {}); }},
     {"ForeignRowToCompare", [](TW& w) { (void)w.Row(3)->Compare(ForeignRow(w).get(), {}); }},
     {"NoRowToCompare", [](TW& w) { (void)w.ByName->Compare(w.Row(3), nullptr); }},
     {"ForeignRowToCompareInView",
@@ -75,6 +64,9 @@ const TMistake Mistakes[] = {
     {"DeleteRowAt", [](TW& w) { w.Table->Records()->Delete(Largest); }},
     {"InsertRowAt", [](TW& w) { w.Table->Records()->Insert(13, w.Table->NewRow(w.Values(901))); }},
     {"ForeignRow", [](TW& w) { w.Table->Records()->Add(ForeignRow(w)); }},
+    {"Duplicate", [](TW& w) { w.Table->Insert(w.Values(20)); }},
+    {"TooLong", support::InsertTooLong},
+    {"UpsertTooLong", support::UpsertTooLong},
     {"NoRow", [](TW& w) { w.Table->Records()->Add(nullptr); }},
     {"ExtractForeign", [](TW& w) { (void)w.Table->Records()->Extract(ForeignRow(w).get()); }},
     {"ForeignView", [](TW& w) { w.Table->Views()->Append(TKdsView::Create(w.Empty, u"V")); }},
@@ -146,34 +138,21 @@ INSTANTIATE_TEST_SUITE_P(Hosts, TMistakeTest, testing::ValuesIn(Mistakes),
 
 // Texts out of the pieces of order texts and of anything else, broken characters among it.
 std::u16string RandomText(std::mt19937& random) {
-    static const std::u16string Pieces[] = {u"Id",
-                                            u"code",
-                                            u"NAME",
-                                            u"Note",
-                                            u"Qty",
-                                            u"Tag",
-                                            u"Late",
-                                            u"Slow",
-                                            u",",
-                                            u",",
-                                            u",",
-                                            u" ",
-                                            u" desc",
-                                            u" DESC",
-                                            u" nocase",
-                                            u" nolook",
-                                            u"desc",
-                                            u"\t",
-                                            u"\u00e4",
-                                            u"\u0130",
-                                            std::u16string(1, u'\0'),
-                                            std::u16string(1, static_cast<char16_t>(0xd800)),
-                                            std::u16string(1, static_cast<char16_t>(0xdcff)),
-                                            u"\"",
-                                            u"%s%n",
-                                            std::u16string(70'000, u'a')};
+    constexpr std::u16string_view plain[] = {
+        u"Id",      u"code", u"NAME",   u"Note", u"Qty",    u"Tag",   u"Late",    u"Slow",
+        u",",       u",",    u",",      u" ",    u"desc",   u" desc", u" nocase", u" DESC",
+        u" nolook", u"\t",   u"\u00e4", u"\"",   u"\u0130", u"%s%n"};
+    constexpr char16_t broken[] = {0, 0xd800, 0xdcff};
     std::u16string text;
-    for (unsigned n = random() % 8; n > 0; --n) text += Pieces[random() % std::size(Pieces)];
+    for (unsigned n = random() % 8; n > 0; --n) {
+        switch (random() % 26) {
+            case 0: text.append(70'000, u'a'); break;
+            case 1:
+            case 2:
+            case 3: text += broken[random() % std::size(broken)]; break;
+            default: text += plain[random() % std::size(plain)]; break;
+        }
+    }
     return text;
 }
 

@@ -38,6 +38,21 @@ protected:
         std::get<0>(GetParam()).Setup(*world);
         return world;
     }
+    // Fails the n-th allocation, for every n, or all from there on.
+    template <typename C>
+    void FailEverywhere(bool andAllAfter, C&& check) {
+        int nth = 0;
+        try {
+            support::FailEachAllocation(
+                [this] { return World(); },
+                [&](const auto& world) {
+                    ++nth;
+                    support::Perform(std::get<0>(GetParam()), *world);
+                },
+                [&](const auto& world, bool raised) { check(*world, raised, nth); }, andAllAfter);
+        } catch (const TEnough&) {
+        }
+    }
     // Throws at the n-th call of a routine of the host, for every n.
     void ThrowEverywhere(TSpot spot, bool ours) {
         for (int nth = 1;; ++nth) {
@@ -65,41 +80,21 @@ protected:
 TEST_P(TFaultTest, EachAllocationThatFailsLeavesNothingHalfDone) {
     const auto& [scenario, options] = GetParam();
     LookAround(scenario, options, true, fBefore, fAfter);
-    int nth = 0;
-    try {
-        support::FailEachAllocation([this] { return World(); },
-                                    [&](const auto& world) {
-                                        ++nth;
-                                        support::Perform(scenario, *world);
-                                    },
-                                    [&](const auto& world, bool raised) {
-                                        if (scenario.Early) CheckNothingCameTooLate(*world, nth);
-                                        Check(*world, raised, true, nth);
-                                    });
-    } catch (const TEnough&) {
-    }
+    FailEverywhere(false, [&, early = scenario.Early](TFaultWorld& world, bool raised, int nth) {
+        if (early) CheckNothingCameTooLate(world, nth);
+        Check(world, raised, true, nth);
+    });
 }
 
 // Then what undoes a change finds no memory either. Views that were switched off may stay so, and
 // half of a series of changes may stand, but nothing is wrong and nothing is lost.
 TEST_P(TFaultTest, NoMemoryFromSomeAllocationOnLeavesNothingWrong) {
-    const auto& [scenario, options] = GetParam();
-    int nth = 0;
-    try {
-        support::FailEachAllocation([this] { return World(); },
-                                    [&](const auto& world) {
-                                        ++nth;
-                                        support::Perform(scenario, *world);
-                                    },
-                                    [&](const auto& world, bool) {
-                                        EXPECT_EQ(world->Fault(), "") << "from allocation " << nth;
-                                        (void)world->Look();
-                                        EXPECT_EQ(world->Fault(), "") << "from allocation " << nth;
-                                        if (HasFailure()) throw TEnough();
-                                    },
-                                    /*andAllAfter=*/true);
-    } catch (const TEnough&) {
-    }
+    FailEverywhere(true, [](TFaultWorld& world, bool, int nth) {
+        EXPECT_EQ(world.Fault(), "") << "from allocation " << nth;
+        (void)world.Look();
+        EXPECT_EQ(world.Fault(), "") << "from allocation " << nth;
+        if (HasFailure()) throw TEnough();
+    });
 }
 
 TEST_P(TFaultTest, EachRoutineOfTheHostThatThrowsLeavesNothingHalfDone) {

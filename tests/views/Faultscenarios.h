@@ -53,6 +53,19 @@ inline void Fill(TW& w) {
     load.Leave();
     for (int id = 3'000; id < 3'254; ++id) w.Table->Insert(w.Values(id));
 }
+inline void NewLoose(TW& w) { w.Loose = w.Table->NewRow(w.Values(901)); }
+inline void ManyColumns(TW& w) {
+    TKdsTableColumnList& columns = *w.Empty->Columns();
+    while (columns.Count() < 32) columns.Add(Format(u"C%d", {columns.Count()}), dtMemoString);
+}
+// The key of row 3 with values that move it in every view.
+inline std::vector<TVariant> ValuesOf30(TW& w) {
+    std::vector<TVariant> values = w.Values(901);
+    values[0] = 30;
+    return values;
+}
+inline void InsertTooLong(TW& w) { w.Table->Insert({901, 902, u"longer than it may be"}); }
+inline void UpsertTooLong(TW& w) { w.Table->Upsert({30, 902, u"longer than it may be"}); }
 inline void FillEmpty(TW& w) { w.Empty->Insert({1, u"b"}); }
 inline void KeyOfEmpty(TW& w) { w.Empty->SetPrimaryKey(u"A"); }
 
@@ -64,13 +77,7 @@ inline const TScenario Scenarios[] = {
     {"RenameView", Nothing, [](TW& w) { w.ByName->SetName(u"A rather long name for a view"); }},
     {"AddColumn", Nothing,
      [](TW& w) { w.Empty->Columns()->Add(u"A rather long name", dtMemoString); }},
-    {"AddColumnToMany",
-     [](TW& w) {
-         while (w.Empty->Columns()->Count() < 32) {
-             w.Empty->Columns()->Add(Format(u"C%d", {w.Empty->Columns()->Count()}), dtMemoString);
-         }
-     },
-     [](TW& w) { w.Empty->Columns()->Add(u"C", dtMemoString); }},
+    {"AddColumnToMany", ManyColumns, [](TW& w) { w.Empty->Columns()->Add(u"C", dtMemoString); }},
     {"AddColumnToRows", Nothing, [](TW& w) { w.Table->Columns()->Add(u"C", dtMemoString); }},
     {"RenameColumn", Nothing,
      [](TW& w) { w.Empty->Columns()->Items(1)->SetName(u"A rather long name"); }},
@@ -81,17 +88,13 @@ inline const TScenario Scenarios[] = {
     {"ColumnDefault", Nothing,
      [](TW& w) { w.Empty->Columns()->Items(1)->SetDefaultValue(u"a text that is no short one"); }},
     {"StripNulls", Nothing, [](TW& w) { w.Empty->SetOptions({mtoStripNulls}); }},
-    {"NewRow", Nothing, [](TW& w) { w.Loose = w.Table->NewRow(w.Values(901)); }},
-    {"Add", [](TW& w) { w.Loose = w.Table->NewRow(w.Values(901)); },
-     [](TW& w) { w.Table->Records()->Add(std::move(w.Loose)); }, true},
-    {"AddInFront", [](TW& w) { w.Loose = w.Table->NewRow(w.Values(901)); },
-     [](TW& w) { w.Table->Records()->Insert(0, std::move(w.Loose)); }, true},
+    {"NewRow", Nothing, NewLoose},
+    {"Add", NewLoose, [](TW& w) { w.Table->Records()->Add(std::move(w.Loose)); }, true},
+    {"AddInFront", NewLoose, [](TW& w) { w.Table->Records()->Insert(0, std::move(w.Loose)); },
+     true},
     {"Insert", Nothing, [](TW& w) { w.Table->Insert(w.Values(901)); }, true},
     {"InsertDuplicate", Nothing, [](TW& w) { w.Table->Insert(w.Values(20)); }},
-    {"InsertTooLong", Nothing,
-     [](TW& w) {
-         w.Table->Insert({901, 902, u"longer than it may be"});
-     }},
+    {"InsertTooLong", Nothing, InsertTooLong},
     {"InsertBesideEdit", OpenEdit, [](TW& w) { w.Table->Insert(w.Values(901)); }, true},
     {"InsertBuildsTheKey", KeyViewDown, [](TW& w) { w.Table->Insert(w.Values(902)); }},
     {"InsertIntoMany", Fill, [](TW& w) { w.Table->Insert(w.Values(901)); }, true},
@@ -105,17 +108,8 @@ inline const TScenario Scenarios[] = {
     {"InsertMassively", [](TW& w) { InLoad(w, 901); },
      [](TW& w) { w.Table->Insert(w.Values(902)); }},
     {"UpsertNew", Nothing, [](TW& w) { w.Table->Upsert(w.Values(901)); }, true},
-    {"UpsertOld", Nothing,
-     [](TW& w) {
-         std::vector<TVariant> values = w.Values(901);
-         values[0] = 30;
-         w.Table->Upsert(values);
-     },
-     true},
-    {"UpsertTooLong", Nothing,
-     [](TW& w) {
-         w.Table->Upsert({30, 902, u"longer than it may be"});
-     }},
+    {"UpsertOld", Nothing, [](TW& w) { w.Table->Upsert(ValuesOf30(w)); }, true},
+    {"UpsertTooLong", Nothing, UpsertTooLong},
     {"Edit", Nothing, [](TW& w) { w.Row(3)->Edit(); }},
     {"SetMemo", [](TW& w) { w.Row(3)->Edit(); },
      [](TW& w) { w.Row(3)->SetDataN(u"Note", u"a text that is no short one"); }},

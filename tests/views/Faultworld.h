@@ -10,6 +10,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -173,6 +174,9 @@ public:
     TIntf<TGravedigger> Gravedigger;
     std::vector<std::unique_ptr<TMirror>> Mirrors;
 
+    [[nodiscard]] static std::optional<std::int32_t> Number(TKdsRecord* record, int column) {
+        return record->Get<std::int32_t>(record->Table()->Columns()->GetItem(column));
+    }
     // Bound to views and columns.
     std::int32_t CompareNotes(TKdsRecord* a, TKdsRecord* b) {
         Fuse.Pass(TSpot::Compare);
@@ -185,13 +189,11 @@ public:
     }
     void AcceptEven(TKdsView*, TKdsRecord* record, bool& accept) {
         Fuse.Pass(TSpot::Accept);
-        accept =
-            record->Get<std::int32_t>(record->Table()->Columns()->GetItem(0)).value_or(1) % 20 == 0;
+        accept = Number(record, 0).value_or(1) % 20 == 0;
     }
     void Calculate(TKdsColumn* column, TKdsRecord* record, TVariant& value) {
         Fuse.Pass(TSpot::Calculate);
-        const auto qty = record->Get<std::int32_t>(record->Table()->Columns()->GetItem(4));
-        if (qty) value = *qty * column->Index();
+        if (const auto qty = Number(record, 4)) value = *qty * column->Index();
     }
     [[nodiscard]] TKdsComparer Comparer() {
         return TKdsComparer::Bind<&TFaultWorld::CompareNotes>(this);
@@ -202,8 +204,7 @@ public:
     [[nodiscard]] TIntf<TKdsAcceptRecordProc> AtLeast(std::int32_t qty) {
         return AcceptWhen([this, qty](TKdsRecord* record) {
             Fuse.Pass(TSpot::Accept);
-            return record->Get<std::int32_t>(record->Table()->Columns()->GetItem(4)).value_or(-1) >=
-                   qty;
+            return Number(record, 4).value_or(-1) >= qty;
         });
     }
 

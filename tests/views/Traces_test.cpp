@@ -5,11 +5,13 @@
 #include <vector>
 
 #include "kds/kds.h"
+#include "tests/support/Recorder.h"
 
 namespace kds {
 namespace {
 
-using TLines = std::vector<std::string>;
+using support::Refusal;
+using support::TLines;
 
 // Writes down what a view tells its links.
 class TRecorder final : public TKdsViewLink {
@@ -52,16 +54,6 @@ protected:
         for (TKdsRecord* const record : *view) rows.push_back(record->RowID());
         return rows;
     }
-    template <typename F>
-    static std::string Refusal(F&& operation) {
-        try {
-            operation();
-        } catch (const EKdsError& error) {
-            return error.what();
-        }
-        return "nothing raised";
-    }
-
     TKdsStore* fStore;
     TKdsTable* fTable;
     TLines fLines;
@@ -98,41 +90,6 @@ TEST_F(TTraceTest, AKeyChangeMovesTheRowInThePrimaryViewAndLeavesTheSelection) {
     EXPECT_EQ(Taken(), (TLines{"P delete(2,-1) id=9"}));
     EXPECT_EQ(Rows(primary), (TRowIDs{0, 2}));
     EXPECT_EQ(Rows(selection), (TRowIDs{0}));
-    EXPECT_STREQ(fTable->Inconsistency(), nullptr);
-}
-
-TEST_F(TTraceTest, ADuplicateKeyIsRefusedAndNothingHasChanged) {
-    TKdsRecord* const first = fTable->Insert({1, u"a", 1});
-    TKdsRecord* const second = fTable->Insert({2, u"b", 2});
-    TRecorder ofPrimary(&fLines, "P");
-    Link(ofPrimary, fTable->PrimaryView());
-    TOwned<TKdsRecord> duplicate = fTable->NewRow({1, u"x", 3});
-
-    EXPECT_EQ(Refusal([&] { fTable->Records()->Add(std::move(duplicate)); }),
-              "Unique constraint \"UV_T\" violated");
-    EXPECT_EQ(fTable->Records()->Count(), 2);
-    EXPECT_EQ(fTable->LastRowID(), 2u);
-    ASSERT_NE(duplicate, nullptr);
-    EXPECT_EQ(duplicate->RowState(), rsDetached);
-    EXPECT_EQ(duplicate->GetDataN(u"name"), TVariant(u"x"));
-
-    second->Edit();
-    second->SetDataN(u"id", 1);
-    EXPECT_EQ(Refusal([&] { second->Post(); }), "Unique constraint \"UV_T\" violated");
-    EXPECT_EQ(second->RowState(), rsEditing);
-    EXPECT_EQ(second->GetOldN(u"id"), TVariant(2));
-    second->Cancel();
-
-    // The row with key 2 is found, changed to a key that is taken, and left as it was.
-    fTable->SetPrimaryKey(u"id");
-    EXPECT_EQ(Refusal([&] {
-                  fTable->Upsert({2, u"too long a name", 0});
-              }),
-              "Value too big to fit in column T.name");
-    EXPECT_EQ(second->RowState(), rsRegular);
-    EXPECT_EQ(second->GetDataN(u"name"), TVariant(u"b"));
-    EXPECT_EQ(Taken(), TLines{});
-    EXPECT_EQ(Rows(fTable->PrimaryView()), (TRowIDs{first->RowID(), second->RowID()}));
     EXPECT_STREQ(fTable->Inconsistency(), nullptr);
 }
 
