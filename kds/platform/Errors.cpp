@@ -1,5 +1,9 @@
 #include "kds/platform/Errors.h"
 
+#include <array>
+#include <charconv>
+#include <cstdint>
+
 #include "kds/platform/Text.h"
 
 namespace kds {
@@ -22,6 +26,14 @@ const char* Exception::what() const noexcept { return fText == nullptr ? "" : fT
 
 void ListIndexError(long long index) {
     throw EListError(Format(u"List index out of bounds (%d)", {index}));
+}
+
+void ListDuplicateError(const void* item) {
+    std::array<char, 2 * sizeof(std::uintptr_t)> digits;
+    const auto written = std::to_chars(digits.data(), digits.data() + digits.size(),
+                                       reinterpret_cast<std::uintptr_t>(item), 16);
+    const std::u16string address(digits.data(), written.ptr);
+    throw EListError(Format(u"List does not allow duplicates (0x%s)", {address}));
 }
 
 }  // namespace kds

@@ -75,6 +75,9 @@ public:
 
 // "List index out of bounds (%d)": the one error of every positional container and list.
 [[noreturn]] void ListIndexError(long long index);
+// "List does not allow duplicates (0x%s)", with the item's address in hexadecimal: the one error
+// of every container that refuses an item which it has already.
+[[noreturn]] void ListDuplicateError(const void* item);
 
 // The first error of several steps that all must run: each is caught here, the first one is
 // raised again at the end.

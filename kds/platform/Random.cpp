@@ -32,12 +32,24 @@ std::atomic<std::uint64_t>& State() noexcept {
     return state;
 }
 
+std::atomic<bool> Fixed{false};
+std::atomic<std::uint64_t> Reseedings{0};
+
 }  // namespace
 
 std::uint64_t NextRandom() noexcept {
     return Mix(State().fetch_add(Step, std::memory_order_relaxed) + Step);
 }
 
-void SeedRandom(std::uint64_t seed) noexcept { State().store(seed, std::memory_order_relaxed); }
+void SeedRandom(std::uint64_t seed) noexcept {
+    Fixed.store(true, std::memory_order_relaxed);
+    State().store(seed, std::memory_order_relaxed);
+}
+
+void ReseedRandom() noexcept {
+    if (Fixed.load(std::memory_order_relaxed)) return;
+    const std::uint64_t count = Reseedings.fetch_add(1, std::memory_order_relaxed);
+    State().store(Mix(ClockSeed() + count * Step), std::memory_order_relaxed);
+}
 
 }  // namespace kds
