@@ -2,6 +2,7 @@
 #include "kds/core/Kdsrecords.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 
 #include "kds/core/Kdserrors.h"
@@ -189,6 +190,7 @@ namespace {
 
 // Numbers of any stored size; a call of memcpy would cost more than the copy.
 void CopyNumber(std::byte* target, const void* data, std::int32_t size) noexcept {
+    assert(data != nullptr);
     switch (size) {
         case 8: StoreRaw(target, LoadRaw<std::uint64_t>(data)); return;
         case 4: StoreRaw(target, LoadRaw<std::uint32_t>(data)); return;

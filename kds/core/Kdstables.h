@@ -164,7 +164,7 @@ public:
                       TIntf<TKdsAcceptRecordProc> acceptProc, bool unordered = false);
     TKdsView* SelectEx(std::u16string_view orderBy, TKdsComparer onCompare,
                        std::u16string_view filter = {}, TKdsAcceptRecordEvent onAccept = nullptr,
-                       bool unordered = false, TIntf<IKdsViewFactory> viewFactory = nullptr);
+                       bool unordered = false, const TIntf<IKdsViewFactory>& viewFactory = nullptr);
     void RebuildViews(bool full);
     [[nodiscard]] bool HasFilters() const noexcept { return false; }
 

@@ -358,7 +358,7 @@ TKdsView* TKdsTable::SelectA(std::u16string_view orderBy, std::u16string_view fi
 
 TKdsView* TKdsTable::SelectEx(std::u16string_view orderBy, TKdsComparer onCompare,
                               std::u16string_view filter, TKdsAcceptRecordEvent onAccept,
-                              bool unordered, TIntf<IKdsViewFactory> viewFactory) {
+                              bool unordered, const TIntf<IKdsViewFactory>& viewFactory) {
     return DoSelect(orderBy, onCompare, filter, onAccept, nullptr, unordered, viewFactory);
 }
 

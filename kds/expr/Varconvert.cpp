@@ -218,7 +218,7 @@ struct TToFixed : TConversion<TFixed> {
     TFixed operator()(double value) const { return ToFixed(value); }
     // By way of its own digits: 0.1 of 32 bits is 0.1 and not 0.100000001490116.
     TFixed operator()(float value) const {
-        double wide = value;
+        auto wide = static_cast<double>(value);
         if (std::isfinite(value)) static_cast<void>(TextToDouble(FloatText(value, 9), wide));
         return ToFixed(wide);
     }

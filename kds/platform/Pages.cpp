@@ -32,11 +32,11 @@ public:
     void Unmap(void* block, std::size_t size) noexcept override { (void)::munmap(block, size); }
 };
 
-constinit TSeam<IPages, TSystemPages> pages;
+constinit TSeam<IPages, TSystemPages> current;
 
 }  // namespace
 
-IPages& Pages() noexcept { return pages.Get(); }
-void SetPages(IPages* replacement) noexcept { pages.Set(replacement); }
+IPages& Pages() noexcept { return current.Get(); }
+void SetPages(IPages* pages) noexcept { current.Set(pages); }
 
 }  // namespace kds

@@ -60,9 +60,9 @@ void TKdsBucketSamples::InsertSample(std::int32_t at, std::uint64_t prefix,
                                      std::int32_t offset) noexcept {
     if (fCount == Capacity) {
         // Where rows come and go at the same few places samples gather: half of them will do.
-        for (std::int32_t i = 0; i < Capacity / 2; ++i) {
-            fOffsets[static_cast<std::size_t>(i)] = fOffsets[static_cast<std::size_t>(2 * i)];
-            fPrefixes[static_cast<std::size_t>(i)] = fPrefixes[static_cast<std::size_t>(2 * i)];
+        for (std::size_t i = 0; i < Capacity / 2; ++i) {
+            fOffsets[i] = fOffsets[2 * i];
+            fPrefixes[i] = fPrefixes[2 * i];
         }
         fCount = Capacity / 2;
         at = (at + 1) / 2;
@@ -97,9 +97,10 @@ void TKdsBucketSamples::Prefetch(double share) const noexcept {
         if (at == likely) kds::Prefetch(&fOffsets[near]);
     }
     // The steps of a bisection that lead there.
-    kds::Prefetch(&fPrefixes[static_cast<std::size_t>(fCount / 2)]);
-    kds::Prefetch(&fPrefixes[static_cast<std::size_t>(fCount / 4)]);
-    kds::Prefetch(&fPrefixes[static_cast<std::size_t>(fCount / 4 * 3)]);
+    const auto quarter = static_cast<std::size_t>(fCount / 4);
+    for (const std::size_t step : {2 * quarter, quarter, 3 * quarter}) {
+        kds::Prefetch(&fPrefixes[step]);
+    }
 }
 
 void TKdsBucketSamples::PrefetchOffsets() const noexcept {

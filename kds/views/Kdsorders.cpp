@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cassert>
 #include <cmath>
 #include <cstring>
 
@@ -357,6 +358,7 @@ std::uint64_t Ordinal(std::string_view text, bool caseless) noexcept {
 // The order of 64 bits in fewer: sign, bit width, and as many of the bits behind the leading one as
 // there is room for, so that small numbers are told apart exactly.
 std::uint64_t Shortened(std::int64_t value, int bits) noexcept {
+    assert(bits > 8 && bits <= 64);
     const std::uint64_t magnitude = static_cast<std::uint64_t>(value < 0 ? ~value : value);
     const int width = static_cast<int>(std::bit_width(magnitude));
     const int room = bits - 7;
@@ -413,6 +415,7 @@ std::uint64_t TKdsOrderPlan::Prefix(const std::byte* buffer) const {
         const TKdsKeyPart& part = fParts[i];
         const bool whole = i + 1 < fPrefixParts;
         const int width = whole ? WidthOf(part.Kind) : bits;
+        assert(width > 0 && width <= bits && bits <= 64);
         const bool has = part.Slot.HasValue(buffer);
         std::uint64_t place = ~std::uint64_t{0};
         if (has) {
@@ -434,6 +437,7 @@ std::uint64_t TKdsOrderPlan::PrefixMask(std::int32_t count) const noexcept {
     if (count < 0 || static_cast<std::size_t>(count) >= fPrefixParts) return all;
     int bits = 64;
     for (std::int32_t i = 0; i < count; ++i) bits -= WidthOf(Part(i).Kind) + 1;
+    assert(bits >= 0);
     return all << bits;
 }
 
