@@ -52,7 +52,7 @@ function(kds_layer name)
     endif()
 endfunction()
 
-# Makes <folder>_tests from tests/<folder>/*_test.cpp and the test <folder> that runs it: one
+# Makes <folder>_tests from tests/<folder>/*.cpp and the test <folder> that runs it: one
 # executable a folder, because linking and starting under the sanitizers cost more than the tests.
 #   kds_test(<folder> [LAYER <layer>] [LABELS <label>...] [THREADS <filter>])
 # LAYER    the layer under test when it is not named like the folder.
@@ -60,7 +60,7 @@ endfunction()
 #          the thread sanitizer has no other tests.
 function(kds_test folder)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "LAYER;THREADS" "LABELS")
-    file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${folder}/*_test.cpp)
+    file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${folder}/*.cpp)
     if(NOT sources OR (KDS_SANITIZE STREQUAL "thread" AND NOT arg_THREADS))
         return()
     endif()

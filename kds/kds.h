@@ -1,7 +1,12 @@
 // The whole public face of kds in one include.
 #pragma once
 
+#include "kds/containers/Cardinalhash.h"
+#include "kds/containers/Cartesiantree.h"
+#include "kds/containers/Redblacktree.h"
 #include "kds/containers/Smartlist.h"
+#include "kds/containers/Typedlists.h"
+#include "kds/containers/Typedtrees.h"
 #include "kds/core/Kdscolumns.h"
 #include "kds/core/Kdsdata.h"
 #include "kds/core/Kdserrors.h"

@@ -53,6 +53,8 @@ public:
 
     // The value becomes element `index`, 0 to GetCount.
     PCartesianNode Insert(std::int32_t index, void* value);
+    // Sees to it that the next Insert needs no memory.
+    void Reserve() { fNodes->Reserve(); }
     // Answers the value; that of an owning tree has ended and is only a number any more.
     void* Delete(std::int32_t index);
     [[nodiscard]] PCartesianNode ByIndex(std::int32_t index) const;

@@ -14,6 +14,8 @@
 // Threads    One thread at a time.
 #pragma once
 
+#include <algorithm>
+#include <cassert>
 #include <initializer_list>
 #include <iterator>
 #include <span>
@@ -31,6 +33,12 @@ public:
     using TKdsList::Items;
     [[nodiscard]] TKdsRecord* Items(std::int32_t index) const {
         return static_cast<TKdsRecord*>(TKdsList::Items(index));
+    }
+    // Of a list that borrows: its records in another order, all of them.
+    void Arrange(std::span<void* const> records) noexcept {
+        assert(!OwnsObjects() && records.size() == static_cast<std::size_t>(Count()));
+        std::ranges::transform(records, fItems.begin(),
+                               [](void* item) { return static_cast<TKdsRecord*>(item); });
     }
 
 protected:

@@ -348,7 +348,12 @@ public:
     }
     // Reads of the record answer its posted values until the scope is left.
     [[nodiscard]] static TKdsStateScope Posted(TKdsRecord* record) noexcept {
-        return TKdsStateScope(record);
+        return {record, /*placed=*/false};
+    }
+    // The values by which a view that has not heard of the record's post yet holds it: while it
+    // is being posted those before the post, otherwise the posted ones.
+    [[nodiscard]] static TKdsStateScope Placed(TKdsRecord* record) noexcept {
+        return {record, /*placed=*/true};
     }
     ~TKdsStateScope() {
         fRecord->fRowState = fRowState;
@@ -358,11 +363,12 @@ public:
     TKdsStateScope& operator=(const TKdsStateScope&) = delete;
 
 private:
-    explicit TKdsStateScope(TKdsRecord* record) noexcept
+    TKdsStateScope(TKdsRecord* record, bool placed) noexcept
         : fRecord(record), fRowState(record->fRowState), fOldState(record->fOldState) {
-        if (record->EffectiveState() != rsEditing) return;
+        const bool before = placed && record->IsPosting();
+        if (!before && record->EffectiveState() != rsEditing) return;
         record->fRowState = rsOriginal;
-        record->fOldState = rsRegular;
+        record->fOldState = before ? rsEditing : rsRegular;
     }
     TKdsRecord* fRecord;
     TKdsRecordState fRowState;

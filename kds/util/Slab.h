@@ -28,6 +28,10 @@ public:
         if (fFreed == nullptr && fCut == fEnd) AddChunk();
         return TakeBlock();
     }
+    // Sees to it that the next Allocate needs no memory.
+    void Reserve() {
+        if (fFreed == nullptr && fCut == fEnd) AddChunk();
+    }
     void Free(void* block) noexcept;
     void Abandon() noexcept;
     [[nodiscard]] std::int64_t Live() const noexcept { return fLive; }

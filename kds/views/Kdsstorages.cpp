@@ -2,7 +2,12 @@
 
 #include <algorithm>
 
+#include "kds/containers/Unrolledskiplist.h"
 #include "kds/util/Mergesort.h"
+#include "kds/views/Kdsliststorage.h"
+#include "kds/views/Kdslitestorage.h"
+#include "kds/views/Kdsskipstorage.h"
+#include "kds/views/Kdstreestorage.h"
 #include "kds/views/Kdsviews.h"
 
 namespace kds {
@@ -88,206 +93,6 @@ void TKdsViewStorage::LiteralSearch(TKdsRecord* key, TKdsLocateOptions locate,
     if (locate.Has(loNearest)) index = fSearchHint;
 }
 
-// ---- TKdsRowMap ---------------------------------------------------------------------------
-
-void TKdsRowMap::Reserve(std::uint32_t rowID) {
-    const std::size_t page = rowID / PageSize;
-    if (page >= fPages.size()) {
-        fPages.reserve(std::max(page + 1, fPages.size() * 2));
-        fPages.resize(page + 1);
-    }
-    if (fPages[page] != nullptr) return;
-    fPages[page] = std::make_unique<TPage>();
-    std::ranges::fill(fPages[page]->Entries, None);
-}
-
-void TKdsRowMap::Put(std::uint32_t rowID, std::uint32_t value) noexcept {
-    const std::size_t index = rowID / PageSize;
-    if (index >= fPages.size() || fPages[index] == nullptr) return;
-    TPage& page = *fPages[index];
-    std::uint32_t& entry = page.Entries[rowID % PageSize];
-    if (entry == None) ++page.Live;
-    entry = value;
-}
-
-void TKdsRowMap::Remove(std::uint32_t rowID) noexcept {
-    const std::size_t index = rowID / PageSize;
-    if (index >= fPages.size() || fPages[index] == nullptr) return;
-    TPage& page = *fPages[index];
-    std::uint32_t& entry = page.Entries[rowID % PageSize];
-    if (entry == None) return;
-    entry = None;
-    if (--page.Live == 0) fPages[index].reset();
-}
-
-// ---- The skip storage's rows --------------------------------------------------------------
-
-namespace {
-
-class TSkipRecordEnumerator final : public IKdsRecordEnumerator {
-public:
-    explicit TSkipRecordEnumerator(TIntf<IListEnumerator> items) : fItems(std::move(items)) {}
-    bool MoveNext() override { return fItems->MoveNext(); }
-    [[nodiscard]] TKdsRecord* GetCurrent() const override {
-        return static_cast<TKdsRecord*>(fItems->GetCurrent());
-    }
-
-private:
-    TIntf<IListEnumerator> fItems;
-};
-
-TKdsRecord* RecordOf(void* item) noexcept { return static_cast<TKdsRecord*>(item); }
-
-}  // namespace
-
-TIntf<IKdsRecordEnumerator> TKdsViewRecordSkip::GetEnumerator(TListEnumeratorDirection direction) {
-    return MakeIntf<TSkipRecordEnumerator>(fItems.GetEnumerator(direction));
-}
-
-TKdsViewStorageSkip::~TKdsViewStorageSkip() { fRecords.fItems.SetTracker(nullptr); }
-
-void TKdsViewStorageSkip::Clear() {
-    fRecords.fItems.SetTracker(nullptr);
-    fTracks = false;
-    fRecords.fItems.Clear();
-    fRows.Clear();
-    DropGuides();
-    InvalidateCache();
-}
-
-void TKdsViewStorageSkip::Append(TKdsRecord* record) { Insert(fRecords.fItems.Count(), record); }
-
-void TKdsViewStorageSkip::Insert(std::int32_t index, TKdsRecord* record) {
-    // While the view is being built nobody asks where a row stands.
-    if (!fOwner->Rebuilds()) {
-        Track();
-        fRows.Reserve(record->RowID());
-    }
-    PutIn(index, record);
-    InvalidateCache();
-}
-
-void TKdsViewStorageSkip::Delete(std::int32_t index) {
-    fRows.Remove(TakeOut(index)->RowID());
-    InvalidateCache();
-}
-
-void TKdsViewStorageSkip::Switch(std::int32_t from, std::int32_t to) {
-    fRecords.fItems.Reserve();
-    PutIn(to, TakeOut(from));
-    InvalidateCache();
-}
-
-// The samples of the row's bucket follow.
-void TKdsViewStorageSkip::PutIn(std::int32_t index, TKdsRecord* record) {
-    TUnrolledSkipList& items = fRecords.fItems;
-    items.Insert(index, record);
-    if (fSamples.empty()) return;
-    const TBucketPlace place = items.BucketAt(index);
-    TKdsBucketSamples* const samples = SamplesOf(place.Bucket->Id);
-    if (samples == nullptr) return;
-    const std::int32_t rows = TUnrolledSkipList::BucketCount(place.Bucket);
-    if (rows == 1) {
-        fSamples[place.Bucket->Id].reset();  // of a bucket that bore this id before
-    } else {
-        samples->Inserted(index - place.Index, PrefixOf(record), rows);
-    }
-}
-
-std::uint64_t TKdsViewStorageSkip::PrefixOf(const TKdsRecord* record) const {
-    return fOwner->GetSortMode() == omRowID ? record->RowID()
-                                            : fOwner->Plan().Prefix(record->PostedBuffer());
-}
-
-TKdsRecord* TKdsViewStorageSkip::TakeOut(std::int32_t index) {
-    TUnrolledSkipList& items = fRecords.fItems;
-    if (!fSamples.empty()) {
-        const TBucketPlace place = items.BucketAt(index);
-        if (TKdsBucketSamples* const samples = SamplesOf(place.Bucket->Id)) {
-            samples->Removed(index - place.Index);
-        }
-    }
-    return RecordOf(items.Delete(index));
-}
-
-void TKdsViewStorageSkip::Reserve(std::uint32_t rowID) {
-    Track();
-    fRecords.fItems.Reserve();
-    fRows.Reserve(rowID);
-}
-
-// ---- Find ---------------------------------------------------------------------------------
-
-void TKdsViewStorageSkip::Placed(void* const* items, std::int32_t count, std::uint32_t bucket,
-                                 std::int32_t first) noexcept {
-    constexpr std::int32_t ahead = 12;
-    for (std::int32_t i = 0; i < count; ++i) {
-        if (i + ahead < count) RecordOf(items[i + ahead])->Prefetch();
-        fRows.Put(RecordOf(items[i])->RowID(), TKdsRowMap::Entry(bucket, first + i));
-    }
-    // More than the one row of an insertion: buckets were divided or joined.
-    if (count == 1) return;
-    ++fStale;
-    if (bucket < fSamples.size()) fSamples[bucket].reset();
-}
-
-void TKdsViewStorageSkip::Cleared() noexcept { fRows.Clear(); }
-
-// From here on the list tells where its items live; the room for those already in it comes first.
-void TKdsViewStorageSkip::Track() {
-    if (fTracks) return;
-    for (void* const item : fRecords.fItems) fRows.Reserve(RecordOf(item)->RowID());
-    fRecords.fItems.SetTracker(this);
-    fTracks = true;
-}
-
-void TKdsViewStorageSkip::Prepared() { Track(); }
-
-// By identity: no key is read, so no change of a key can make a member unfindable.
-std::int32_t TKdsViewStorageSkip::Find(TKdsRecord* record) {
-    return CachedFind(record, [&] {
-        if (!fTracks) return fRecords.fItems.IndexOf(record);
-        const std::uint32_t entry = fRows.Get(record->RowID());
-        if (entry == TKdsRowMap::None) return -1;
-        const TUnrolledSkipList& items = fRecords.fItems;
-        const TSkipListBucket* const bucket = items.BucketById(TKdsRowMap::BucketOf(entry));
-        if (bucket == nullptr) return -1;
-        const std::int32_t offset = OffsetIn(bucket, TKdsRowMap::OffsetOf(entry), record);
-        return offset < 0 ? -1 : items.BucketIndex(bucket) + offset;
-    });
-}
-
-// Outwards from where the row was placed, and from where its key says that it should be: changes of
-// the bucket move a row far from the first, but not from the second.
-std::int32_t TKdsViewStorageSkip::OffsetIn(const TSkipListBucket* bucket, std::int32_t guess,
-                                           const TKdsRecord* record) {
-    constexpr std::int32_t reach = 12;
-    const auto around = [&](std::int32_t middle) -> std::int32_t {
-        for (std::int32_t distance = 0; distance < reach; ++distance) {
-            for (const std::int32_t offset : {middle + distance, middle - distance}) {
-                if (TUnrolledSkipList::ItemAt(bucket, offset) == record) return offset;
-            }
-        }
-        return -1;
-    };
-    const bool expected = fExpectedRow == record->RowID();
-    std::int32_t offset = around(expected ? fExpectedOffset : guess);
-    if (offset < 0) {
-        const std::int32_t likely = LikelyOffset(bucket, record);
-        if (likely >= 0) offset = around(likely);
-    }
-    return offset >= 0 ? offset : bucket->List.IndexOf(record);
-}
-
-// By the samples of its bucket; -1 when the order has none.
-std::int32_t TKdsViewStorageSkip::LikelyOffset(const TSkipListBucket* bucket,
-                                               const TKdsRecord* record) {
-    const TKdsGuide guide = GuideTo(record, record->PlacedBuffer(), -1);
-    if (!guide.Usable()) return -1;
-    const TKdsWindow window = WindowIn(bucket, guide);
-    return window.Likely >= 0 ? window.Likely : (window.First + window.Last) / 2;
-}
-
 // ---- Sort ---------------------------------------------------------------------------------
 
 namespace {
@@ -312,42 +117,21 @@ struct TPrefixed {
     TKdsRecord* Record;
 };
 
-}  // namespace
-
-void TKdsViewStorageSkip::Sort(TKdsCompareOptions compare, bool) {
-    const bool isVolatile = IsVolatile(*fOwner);
-    DropGuides();
-    TSortSwitch guard(isVolatile);
-    InvalidateCache();
-    const TKdsOrderColumnList* const columns = fOwner->Columns();
-    if (!isVolatile && fOwner->GetSortMode() == omOrder && columns->Count() > 0 &&
-        compare == TKdsCompareOptions{coUseRowID} && fOwner->Plan().IsPlain()) {
-        SortByPrefix(fOwner->Plan());
-        return;
-    }
-    const auto order = [&](void* a, void* b) {
-        return fOwner->CompareMembers(RecordOf(a), RecordOf(b), compare);
-    };
-    fRecords.fItems.Sort(TComparator::BindCall(&order), isVolatile ? 1 : 0);
-}
-
 // Most comparisons are decided by eight bytes that lie beside the pointer.
-void TKdsViewStorageSkip::SortByPrefix(const TKdsOrderPlan& plan) {
-    TUnrolledSkipList& items = fRecords.fItems;
-    const std::int32_t count = items.Count();
+void SortByPrefix(std::vector<void*>& records, const TKdsOrderPlan& plan) {
     std::vector<TPrefixed> rows;
-    rows.reserve(static_cast<std::size_t>(count));
+    rows.reserve(records.size());
     bool ascending = true;
     std::int64_t previous = -1;
-    for (void* const item : items) {
-        TKdsRecord* const record = RecordOf(item);
+    for (void* const item : records) {
+        auto* const record = static_cast<TKdsRecord*>(item);
         rows.push_back({plan.Prefix(record->PostedBuffer()), record});
         ascending = ascending && record->RowID() > previous;
         previous = record->RowID();
     }
     const bool decides = plan.PrefixDecides();
     MergeSort(
-        rows.data(), std::int64_t{count},
+        rows.data(), static_cast<std::int64_t>(rows.size()),
         [&plan, decides, ascending](const TPrefixed& a, const TPrefixed& b) -> std::int32_t {
             if (a.Prefix != b.Prefix) return a.Prefix < b.Prefix ? -1 : 1;
             if (!decides || a.Prefix == ~std::uint64_t{0}) {
@@ -361,28 +145,75 @@ void TKdsViewStorageSkip::SortByPrefix(const TKdsOrderPlan& plan) {
                    (a.Record->RowID() < b.Record->RowID());
         },
         0);
-    std::vector<void*> sorted;
-    sorted.reserve(rows.size());
-    for (const TPrefixed& row : rows) sorted.push_back(row.Record);
-    items.Assign(sorted.data(), count);
+    std::ranges::transform(rows, records.begin(), &TPrefixed::Record);
 }
 
-bool TKdsViewStorageSkip::IsConsistent() {
-    TUnrolledSkipList& items = fRecords.fItems;
-    if (!items.IsConsistent()) return false;
-    if (!fTracks) return true;
-    for (std::int32_t i = 0; i < items.Count(); ++i) {
-        TKdsRecord* const record = RecordOf(items.Get(i));
-        const std::uint32_t entry = fRows.Get(record->RowID());
-        if (entry == TKdsRowMap::None ||
-            items.FindInBucket(TKdsRowMap::BucketOf(entry), record) != i) {
-            return false;
-        }
+}  // namespace
+
+void TKdsViewStorage::SortRecords(std::vector<void*>& records, TKdsCompareOptions compare) const {
+    const bool isVolatile = IsVolatile(*fOwner);
+    TSortSwitch guard(isVolatile);
+    if (!isVolatile && fOwner->GetSortMode() == omOrder && fOwner->Columns()->Count() > 0 &&
+        compare == TKdsCompareOptions{coUseRowID} && fOwner->Plan().IsPlain()) {
+        SortByPrefix(records, fOwner->Plan());
+        return;
     }
-    return true;
+    MergeSort(
+        records.data(), static_cast<std::int64_t>(records.size()),
+        [&](void* a, void* b) { return fOwner->CompareMembers(RecordOf(a), RecordOf(b), compare); },
+        isVolatile ? 1 : 0);
 }
 
-// ---- The factory --------------------------------------------------------------------------
+// ---- Enumerators --------------------------------------------------------------------------
+
+// Knows its rows, and they know it, so that it ends with them.
+class TKdsIndexedEnumerator final : public IKdsRecordEnumerator {
+public:
+    TKdsIndexedEnumerator(TKdsViewRecords* rows, TListEnumeratorDirection direction)
+        : fRows(rows),
+          fStep(direction == ledForward ? 1 : -1),
+          fIndex(direction == ledForward ? -1 : rows->GetCount()),
+          fNext(rows->fEnumerators) {
+        rows->fEnumerators = this;
+    }
+    bool MoveNext() override {
+        if (fRows == nullptr) return false;
+        fIndex = fStep > 0 ? fIndex + 1 : std::min(fIndex, fRows->GetCount()) - 1;
+        if (fIndex >= 0 && fIndex < fRows->GetCount()) return true;
+        Leave();
+        return false;
+    }
+    [[nodiscard]] TKdsRecord* GetCurrent() const override {
+        return fRows == nullptr || fIndex < 0 ? nullptr : fRows->GetItem(fIndex);
+    }
+
+private:
+    friend class TKdsViewRecords;
+    ~TKdsIndexedEnumerator() override { Leave(); }
+    void Leave() noexcept {
+        if (fRows == nullptr) return;
+        TKdsIndexedEnumerator** link = &fRows->fEnumerators;
+        while (*link != this) link = &(*link)->fNext;
+        *link = fNext;
+        fRows = nullptr;
+    }
+
+    TKdsViewRecords* fRows;
+    std::int32_t fStep;
+    std::int32_t fIndex;
+    TKdsIndexedEnumerator* fNext;
+};
+
+TIntf<IKdsRecordEnumerator> TKdsViewRecords::GetIndexedEnumerator(
+    TListEnumeratorDirection direction) {
+    return MakeIntf<TKdsIndexedEnumerator>(this, direction);
+}
+
+void TKdsViewRecords::EndEnumerators() noexcept {
+    while (fEnumerators != nullptr) fEnumerators->Leave();
+}
+
+// ---- Factories ----------------------------------------------------------------------------
 
 std::unique_ptr<TKdsViewStorage> TKdsStorageFactory::CreateStorage(TKdsTable*) {
     return std::make_unique<TKdsViewStorageSkip>();
@@ -390,6 +221,34 @@ std::unique_ptr<TKdsViewStorage> TKdsStorageFactory::CreateStorage(TKdsTable*) {
 
 std::int32_t TKdsStorageFactory::ExpectedCount(TKdsTable* table) {
     return table->Records()->Count();
+}
+
+namespace {
+
+class TTreeStorageFactory final : public TKdsStorageFactory {
+public:
+    [[nodiscard]] std::unique_ptr<TKdsViewStorage> CreateStorage(TKdsTable* table) override {
+        return std::make_unique<TKdsViewStorageTree>(ExpectedCount(table));
+    }
+};
+
+template <typename T>
+class TFactoryOf final : public TKdsStorageFactory {
+public:
+    [[nodiscard]] std::unique_ptr<TKdsViewStorage> CreateStorage(TKdsTable*) override {
+        return std::make_unique<T>();
+    }
+};
+
+}  // namespace
+
+TIntf<IKdsStorageFactory> StorageFactory(TKdsStorageKind kind) {
+    switch (kind) {
+        case skTree: return MakeIntf<TTreeStorageFactory>();
+        case skList: return MakeIntf<TFactoryOf<TKdsViewStorageList>>();
+        case skLite: return MakeIntf<TFactoryOf<TKdsViewStorageLite>>();
+        default: return MakeIntf<TKdsStorageFactory>();
+    }
 }
 
 }  // namespace kds

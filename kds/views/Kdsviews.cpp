@@ -1,5 +1,7 @@
 #include "kds/views/Kdsviews.h"
 
+#include <algorithm>
+
 #include "kds/core/Kdserrors.h"
 #include "kds/platform/Clock.h"
 #include "kds/views/Kdsviewlists.h"
@@ -177,9 +179,15 @@ std::int32_t TKdsView::CompareItem(TKdsRecord* item, TKdsRecord* key, TKdsCompar
         if (order != 0) return order;
     }
     if (fSorting == omOrder) {
+        const TKdsOrderPlan& plan = Plan();
+        const bool plain = plan.IsPlain() && fCompareColumnList == fColumns.get() &&
+                           !options.HasAny({coNoCase, coPartial});
+        const std::int32_t count =
+            fCompareColumnCount < 0 ? plan.Count() : std::min(fCompareColumnCount, plan.Count());
         const std::int32_t order =
-            OrderRecords(item, TKdsReading::Posted, key, TKdsReading::Current, fCompareColumnList,
-                         fCompareColumnCount, options);
+            plain ? plan.Compare(item->PostedBuffer(), key->KeyBuffer(), count, options)
+                  : OrderRecords(item, TKdsReading::Posted, key, TKdsReading::Current,
+                                 fCompareColumnList, fCompareColumnCount, options);
         if (order != 0 || !options.Has(coUseRowID)) return order;
     }
     return ByRowID(item, key);
@@ -321,6 +329,11 @@ const TKdsOrderPlan* TKdsView::PlainPlan() const {
     if (fSorting != omOrder || fOnCompare) return nullptr;
     const TKdsOrderPlan& plan = Plan();
     return plan.IsPlain() && plan.IsStable() ? &plan : nullptr;
+}
+
+bool TKdsView::RowsStandByKey(const TKdsRecord* but) const {
+    if (fTable->fPosting != nullptr && fTable->fPosting != but) return false;
+    return PlainPlan() != nullptr || (fSorting == omRowID && !fOnCompare);
 }
 
 TKdsRecord* TKdsView::Items(std::int32_t index) const {

@@ -219,6 +219,9 @@ public:
     [[nodiscard]] std::int32_t CompareMembers(TKdsRecord* a, TKdsRecord* b,
                                               TKdsCompareOptions options);
     [[nodiscard]] bool HasTests() const noexcept { return static_cast<bool>(fOnAccept); }
+    // Whether every row stands where its values of now put it, but perhaps this one: not so in an
+    // order that can change without notice, nor while another row is being posted.
+    [[nodiscard]] bool RowsStandByKey(const TKdsRecord* but) const;
     // No two rows have equal keys, as far as is known.
     [[nodiscard]] bool IsDistinct() const noexcept { return fDistinct; }
     [[nodiscard]] bool HasEqual(TKdsRecord* record);

@@ -1,6 +1,6 @@
 // How the skip storage finds the place of a key: by the buckets' first rows and by samples of the
 // rows in them, so that few rows are read; and how a table has the places of a row brought near.
-#include "kds/views/Kdsstorages.h"
+#include "kds/views/Kdsskipstorage.h"
 
 #include <algorithm>
 
@@ -13,9 +13,8 @@ namespace {
 constexpr std::int32_t WorthGuiding = 1024;      // rows
 constexpr std::int32_t WorthApproaching = 4096;  // fewer are near anyway
 
-TKdsRecord* RecordOf(void* item) noexcept { return static_cast<TKdsRecord*>(item); }
 TKdsRecord* RowAt(const TSkipListBucket* bucket, std::int32_t offset) noexcept {
-    return RecordOf(TUnrolledSkipList::ItemAt(bucket, offset));
+    return static_cast<TKdsRecord*>(TUnrolledSkipList::ItemAt(bucket, offset));
 }
 
 }  // namespace
@@ -46,6 +45,17 @@ void TKdsViewStorageSkip::Search(TKdsRecord* key, TKdsLocateOptions locate,
     // A row that is being edited equals itself where it stood: only the probes tell whether they
     // meet it there.
     const bool misplaced = key->RowState() == rsEditing && !locate.Has(loNoKeyRow);
+    // Where rows never change the list searches by itself, and leaves no hint.
+    if (fOwner->Table()->Options().Has(mtoStaticData) &&
+        !locate.HasAny({loLastRow, loNearest, loNoKeyRow})) {
+        const auto order = [&](void* item, void* sought) {
+            return fOwner->CompareItem(RecordOf(item), RecordOf(sought), compare);
+        };
+        std::int32_t place = 0;
+        found = fRecords.fItems.Find(key, place, TComparator::BindCall(&order));
+        if (found) index = place;
+        return;
+    }
     if (misplaced || !CanSearchByOrder(locate, compare)) {
         LiteralSearch(key, locate, compare, index, found);
         return;
