@@ -1,45 +1,33 @@
 #include "kds/core/Kdstypes.h"
 
-#include <gtest/gtest.h>
-
 #include <cmath>
 #include <limits>
 #include <ostream>
 
-#include "kds/core/Kdserrors.h"
 #include "kds/expr/Extvars.h"
-#include "kds/expr/Varconvert.h"
 #include "kds/platform/Bytes.h"
-#include "tests/support/Recorder.h"
+#include "tests/core/Coretest.h"
 
 namespace kds {
 namespace {
-
-using support::Refusal;
 
 constexpr double Infinite = std::numeric_limits<double>::infinity();
 constexpr double Nan = std::numeric_limits<double>::quiet_NaN();
 
 TEST(TKdsTypesTest, EveryCodeHasItsNameAndSize) {
-    const std::u16string_view names[] = {
-        u"Unknown", u"Boolean",      u"Short (Int8)",  u"Small (Int16)",     u"Integer (Int32)",
-        u"Int64",   u"Byte (UInt8)", u"Word (UInt16)", u"Cardinal (UInt32)", u"UInt64",
-        u"Char",    u"Double",       u"Currency",      u"DateTime",          u"Date",
-        u"Time",    u"AnsiString",   u"WideString",    u"Extended",          u"MemoString",
-        u"Fixed",   u"CustomData"};
     const std::int32_t sizes[] = {0, 1, 1, 2, 4, 8, 1, 2, 4, 8,  1,
                                   8, 8, 8, 4, 4, 0, 0, 8, 8, 10, 8};
-    ASSERT_EQ(std::size(names), std::size_t{KdsDataTypeCount});
+    ASSERT_EQ(std::size(sizes), std::size_t{KdsDataTypeCount});
     for (int code = 0; code < KdsDataTypeCount; ++code) {
         const auto type = static_cast<TKdsDataType>(code);
-        EXPECT_EQ(KdsTypeName(type), names[code]);
+        EXPECT_EQ(DataTypeByName(KdsTypeName(type)), type);
         EXPECT_EQ(DataSize(type), sizes[code]);
-        EXPECT_EQ(DataTypeByName(names[code]), type);
     }
+    EXPECT_EQ(KdsTypeName(dtShort), u"Short (Int8)");
+    EXPECT_EQ(KdsTypeName(dtCardinal), u"Cardinal (UInt32)");
     EXPECT_EQ(DataTypeByName(u"integer"), dtInteger);
     EXPECT_EQ(DataTypeByName(u" dtFixed "), dtFixed);
     EXPECT_EQ(DataTypeByName(u"Int"), dtUnknown);
-    EXPECT_EQ(KdsTypeName(static_cast<TKdsDataType>(-1)), u"Unknown");
     EXPECT_EQ(DataSize(static_cast<TKdsDataType>(99)), 0);
 }
 
@@ -64,33 +52,21 @@ std::string Hex(const std::byte* bytes, std::size_t count) {
 
 TEST(TKdsTypesTest, WritesRawBytesAndReadsThemBack) {
     const TWriteCase cases[] = {
-        {dtBoolean, u"true", "01", 1, true},
-        {dtBoolean, 0.0, "00", 1, false},
         // These two are written crosswise.
         {dtShort, 5, "0500", 2, std::int8_t{5}},
         {dtShort, 0x1FF, "FFFF", 2, std::int8_t{-1}},
-        {dtSmall, 5, "05", 1, {}},
         {dtSmall, 0x1234, "34", 1, {}},
         // Cut to the width, without a word.
-        {dtByte, 0x1FF, "FF", 1, std::uint8_t{255}},
-        {dtWord, -1, "FFFF", 2, std::uint16_t{65'535}},
         {dtInteger, 0x1'0000'0005, "05000000", 4, 5},
-        {dtCardinal, -1, "FFFFFFFF", 4, 4'294'967'295u},
-        {dtInt64, u"-2", "FEFFFFFFFFFFFFFF", 8, std::int64_t{-2}},
         {dtUInt64, 0x8000'0000'0000'0000u, "0000000000000080", 8,
          std::numeric_limits<std::int64_t>::min()},
-        {dtInteger, 2.5, "02000000", 4, 2},
         {dtInteger, 3.5, "04000000", 4, 4},
         {dtChar, u"Aé", "41C3A900", 3, u"Aé"},
         {dtAnsiString, "B", "4200", 1, u"B"},
-        {dtMemoString, 12, "313200", 2, u"12"},
         {dtWideString, u"Aé", "4100E9000000", 2, u"Aé"},
-        {dtDouble, 1, "000000000000F03F", 8, 1.0},
-        {dtExtended, 1.0, "000000000000F03F", 8, TExtended{1.0}},
         {dtCurrency, u"1.5", "983A000000000000", 8, TCurrency{15'000}},
         {dtDateTime, -1.25, "000000000000F4BF", 8, TDateTime{-1.25}},
         {dtDate, TDateTime{0.75}, "5A950A00", 4, TDateTime{0}},
-        {dtDate, u"0001-01-01", "01000000", 4, TDateTime{-693'593}},
         {dtDate, TDateTime{-1.75}, "59950A00", 4, TDateTime{-1}},
         {dtTime, TDateTime{-1.25}, "00974901", 4, TDateTime{0.25}},
         {dtTime, u"2024-02-29T12:00:00", "002E9302", 4, TDateTime{0.5}},
@@ -142,15 +118,12 @@ TEST(TKdsTypesTest, ReadsRawBytesAsTheyAre) {
     // A first byte of zero is an empty text; behind a first character zeros belong to the text.
     EXPECT_EQ(BufferToVar(dtChar, "\0abc", 4), TVariant(u""));
     EXPECT_EQ(BufferToVar(dtChar, nullptr, 0), TVariant(u""));
-    EXPECT_EQ(BufferToVar(dtChar, "a", 1), TVariant(u"a"));
     EXPECT_EQ(BufferToVar(dtAnsiString, "a\0b", 3), TVariant(std::u16string(u"a\0b", 3)));
     EXPECT_EQ(BufferToVar(dtBoolean, "\x02", 1), TVariant(true));
     // Values lie unaligned in records.
     std::byte buffer[12];
     StoreRaw(buffer + 1, std::int64_t{-3});
     EXPECT_EQ(BufferToVar(dtInt64, buffer + 1, 8), TVariant(std::int64_t{-3}));
-    StoreRaw(buffer + 1, u'x');
-    EXPECT_EQ(BufferToVar(dtWideString, buffer + 1, 1), TVariant(u"x"));
 }
 
 // ---- Comparison ---------------------------------------------------------------------------
@@ -179,7 +152,6 @@ TEST(TKdsTypesTest, OrdersRawValuesByTheirType) {
     const TKdsCompareOptions partial{coPartial};
     const TKdsCompareOptions noCase{coNoCase};
     const TCompareCase cases[] = {
-        {dtBoolean, "\x01", std::string(1, '\0'), 1, {}},
         {dtBoolean, std::string(1, '\0'), "\xFF", -255, {}},
         {dtShort, "\xFF", "\x01", -1, {}},
         {dtByte, "\xFF", "\x01", 1, {}},
@@ -188,7 +160,6 @@ TEST(TKdsTypesTest, OrdersRawValuesByTheirType) {
         {dtInteger, Raw(-1), Raw(1), -1, {}},
         {dtCardinal, Raw(-1), Raw(1), 1, {}},
         {dtDate, Raw(-1), Raw(1), -1, {}},
-        {dtInt64, Raw(std::int64_t{1}), Raw(std::int64_t{1}), 0, {}},
         {dtUInt64, Raw(std::uint64_t{1} << 63), Raw(std::int64_t{1}), -1, {}},
         {dtCurrency, Raw(std::int64_t{-1}), Raw(std::int64_t{0}), -1, {}},
         {dtDouble, Raw(1.5), Raw(1.25), 1, {}},
@@ -198,28 +169,21 @@ TEST(TKdsTypesTest, OrdersRawValuesByTheirType) {
         {dtDateTime, Raw(1 + 0.4 * Second), Raw(1.0), 0, {}},
         {dtDateTime, Raw(1 + 1.1 * Second), Raw(1 + 0.9 * Second), 1, {}},
         {dtDateTime, Raw(-1.75), Raw(-1.25), 1, {}},
-        {dtDateTime, Raw(-1.25), Raw(0.0), -1, {}},
         {dtDateTime, Raw(1.9), Raw(1.1), 0, partial},
-        {dtDateTime, Raw(2.0), Raw(1.9), 1, partial},
         {dtDateTime, Raw(1e300), Raw(Nan), 1, {}},
         {dtDateTime, Raw(-1e300), Raw(Nan), -1, partial},
         {dtTime, Raw(1'999), Raw(1'000), 0, {}},
-        {dtTime, Raw(2'000), Raw(1'999), 1, {}},
         {dtFixed, FixedBytes(10, 1), FixedBytes(1, 0), 0, {}},
-        {dtFixed, FixedBytes(11, 1), FixedBytes(1, 0), 1, {}},
         // 8-bit text: by unsigned byte, bounded by the lengths; zeros are characters.
         {dtAnsiString, "ABC", "AB", 1, {}},
         {dtAnsiString, "ABC", "AB", 0, partial},
         {dtAnsiString, "AB", "ABC", -1, partial},
         {dtChar, "\xC3\xA9", "z", 1, {}},
         {dtChar, "b", "BB", -1, noCase},
-        {dtChar, "b", "A", 1, noCase},
         {dtChar, "b", "B", 1, {}},
         {dtMemoString, "äx", "ÄX", 0, noCase},
         {dtMemoString, "a", std::string("a\0", 2), -1, {}},
-        {dtMemoString, "", "", 0, {}},
         // Wide text ends at its first zero character.
-        {dtWideString, Wide(u"ABC"), Wide(u"AB"), 1, {}},
         {dtWideString, Wide(u"ABC"), Wide(u"AB"), 0, partial},
         {dtWideString, Wide(u"AB"), Wide(u"ABC"), -1, partial},
         {dtWideString, Wide(u"äb"), Wide(u"ÄB"), 0, noCase},
@@ -256,30 +220,22 @@ class TPlain final : public IInterface {};
 TEST(TKdsTypesTest, CustomDataComparesItselfAndIsCountedInItsSlot) {
     std::byte a[8] = {};
     std::byte b[8] = {};
-    const auto point = MakeIntf<TPoint>(std::numeric_limits<std::int32_t>::min());
+    constexpr std::int32_t least = std::numeric_limits<std::int32_t>::min();
+    const auto point = MakeIntf<TPoint>(least);
     const auto plain = MakeIntf<TPlain>();
-    std::int32_t length = 0;
-    VarToBuffer(dtCustomData, TVariant(point), a, length);
-    EXPECT_EQ(length, 8);
-    EXPECT_EQ(point->References(), 1);  // borrowed
-    StoreRaw<const IInterface*>(a, nullptr);
-
-    IntfToBuffer(a, TIntf<IInterface>(point));
-    IntfToBuffer(a, TIntf<IInterface>(point));
+    for (int i = 0; i < 2; ++i) IntfToBuffer(a, TIntf<IInterface>(point));
     EXPECT_EQ(point->References(), 2);
     IntfToBuffer(b, TIntf<IInterface>(plain));
-    EXPECT_EQ(CompareData(dtCustomData, a, b, 8, 8, {}), std::numeric_limits<std::int32_t>::min());
-    EXPECT_EQ(Refusal([&] { (void)CompareData(dtCustomData, b, a, 8, 8, {}); }),
-              "Data type not supported in comparison");
+    EXPECT_EQ(CompareData(dtCustomData, a, b, 8, 8, {}), least);
     EXPECT_EQ(BufferToIntf(a).Get(), point.Get());
-    EXPECT_EQ(BufferToIntf(nullptr).Get(), nullptr);
     EXPECT_EQ(BufferToVar(dtCustomData, b, 8), TVariant(plain));
+    const std::string refusal = "Data type not supported in comparison";
+    EXPECT_EQ(Refusal([&] { (void)CompareData(dtCustomData, b, a, 8, 8, {}); }), refusal);
     IntfToBuffer(a, nullptr);
     IntfToBuffer(b, nullptr);
+    EXPECT_EQ(Refusal([&] { (void)CompareData(dtCustomData, a, b, 8, 8, {}); }), refusal);
     EXPECT_EQ(point->References(), 1);
     EXPECT_EQ(plain->References(), 1);
-    EXPECT_EQ(Refusal([&] { (void)CompareData(dtCustomData, a, b, 8, 8, {}); }),
-              "Data type not supported in comparison");
 }
 
 }  // namespace

@@ -23,6 +23,13 @@ using TLines = std::vector<std::string>;
     return item == nullptr ? "nil" : "list";
 }
 
+// The elements of a list, in order.
+[[nodiscard]] inline TLines NamesOf(const TKdsList* list) {
+    TLines names;
+    for (std::int32_t i = 0; i < list->Count(); ++i) names.push_back(NameOf(list->Items(i)));
+    return names;
+}
+
 // "acPrepareInsert a @0": the action, whom it is about, and the position.
 [[nodiscard]] inline std::string LineOf(const TNotification& notification) {
     static constexpr const char* Actions[] = {
