@@ -101,6 +101,20 @@ void ViewKds(benchmark::State& state, bool edited) {
     }
 }
 void BuiltViewKds(benchmark::State& state) { ViewKds(state, false); }
+
+// One view by Name, of each storage.
+template <TKdsStorageKind Kind>
+void StorageKds(benchmark::State& state) {
+    (void)Rows();
+    for (auto _ : state) {
+        TKdsSide side(u"Memory");
+        side.LoadKept();
+        side.Table()->SetStorageFactory(StorageFactory(Kind));
+        const TUse before = Use();
+        side.Table()->Select(u"Name");
+        Report(state, Use() - before, 1);
+    }
+}
 void EditedViewKds(benchmark::State& state) { ViewKds(state, true); }
 
 template <typename TSide>
@@ -145,6 +159,10 @@ BENCHMARK(Key<TSqliteSide>)->Name("key/sqlite")->Unit(benchmark::kMillisecond);
 BENCHMARK(Key<TBoostSide<>>)->Name("key/boost")->Unit(benchmark::kMillisecond);
 BENCHMARK(BuiltViewKds)->Name("view/kds")->Unit(benchmark::kMillisecond);
 BENCHMARK(EditedViewKds)->Name("view after edits/kds")->Unit(benchmark::kMillisecond);
+BENCHMARK(StorageKds<skSkip>)->Name("storage skip/kds")->Unit(benchmark::kMillisecond);
+BENCHMARK(StorageKds<skTree>)->Name("storage tree/kds")->Unit(benchmark::kMillisecond);
+BENCHMARK(StorageKds<skList>)->Name("storage list/kds")->Unit(benchmark::kMillisecond);
+BENCHMARK(StorageKds<skLite>)->Name("storage lite/kds")->Unit(benchmark::kMillisecond);
 BENCHMARK(ViewSqlite)->Name("view/sqlite")->Unit(benchmark::kMillisecond);
 BENCHMARK(ViewBoost)->Name("view/boost")->Unit(benchmark::kMillisecond);
 
