@@ -33,7 +33,12 @@ TKdsTable* TKdsColumn::Table() const noexcept {
     return list == nullptr ? nullptr : list->Table();
 }
 
-std::int32_t TKdsColumn::ActualSize() const noexcept { return IsComputed() ? 0 : fDataSize; }
+std::int32_t TKdsColumn::ActualSize() const noexcept {
+    if (IsComputed()) return 0;
+    if (!fIsReference) return fDataSize;
+    return static_cast<std::int32_t>(fLookupKind == lkShort ? sizeof(TKdsStaticLookup)
+                                                            : sizeof(TKdsNormalLookup));
+}
 
 void TKdsColumn::UpdateDataSize() noexcept {
     switch (fDataType) {
@@ -60,20 +65,13 @@ void TKdsColumn::UpdateOccurences() noexcept {
     fOccurences.Set(coDontStore, fAttributes.Has(caDontStore));
     fOccurences.Set(coLazyLookup, fAttributes.Has(caLazyLookup));
     fOccurences.Set(coCustomData, fDataType == dtCustomData);
+    fOccurences.Set(coReference, fIsReference);
+    fOccurences.Set(coForeignKey, fMasterTable != nullptr && !fIsReference);
+    fOccurences.Set(coLookupKey, fIsLookupKey);
+    fOccurences.Set(coShortLookup, fIsReference && fLookupKind == lkShort);
 }
 
 // ---- Setters ------------------------------------------------------------------------------
-
-template <typename F>
-void TKdsColumn::Change(bool layout, F&& store) {
-    TKdsTravelGuard guard;
-    const std::int32_t index = layout ? 1 : 0;
-    Notify(acPrepareUpdate, nullptr, index);
-    store();
-    UpdateDataSize();
-    UpdateOccurences();
-    Notify(acConfirmUpdate, nullptr, index);
-}
 
 void TKdsColumn::SetDataType(TKdsDataType value) {
     if (value == fDataType) return;
@@ -97,6 +95,9 @@ void TKdsColumn::SetIndex(std::int32_t value) {
 void TKdsColumn::SetAttributes(TKdsAttributes value) {
     if (value == fAttributes) return;
     if (value.Has(caVirtualKey)) KdsNotAvailable(u"A virtual key");
+    if (fIsReference && value.Has(caCalculated)) {
+        throw EInvalidArgument(u"A reference column cannot be calculated");
+    }
     constexpr TKdsAttributes shaping{caCalculated, caDelayedCalc, caVirtualKey, caDontStore};
     const bool layout = (value & shaping) != (fAttributes & shaping);
     Change(layout, [&] { fAttributes = value; });
@@ -213,12 +214,6 @@ bool TKdsColumn::GetIsPrimaryKey() const {
     return table != nullptr && table->IsKeyColumn(this);
 }
 
-TVariant TKdsColumn::LookupValue(const TVariant&) const { KdsError(u"LookupReference"); }
-
-void TKdsColumn::ForeignKey(std::u16string_view, std::u16string_view) {
-    KdsNotAvailable(u"A foreign key");
-}
-
 // ---- The table's column list --------------------------------------------------------------
 
 TKdsTableColumnList::TKdsTableColumnList(TKdsTable* table)
@@ -332,8 +327,11 @@ void TKdsTableColumnList::Follow(TNotification* notification) {
         // Also in a load bracket that clears the table: its rows may be new ones. A table that
         // ends does not come here, it has let go of this list.
         case acConfirmInsert:
-        case acConfirmDelete:
         case acConfirmRename: Relayout(); return;
+        case acConfirmDelete:
+            ForgetColumn(static_cast<TKdsColumn*>(notification->Target));
+            Relayout();
+            return;
         case acConfirmUpdate:
             if (notification->Index != 0) {
                 Relayout();
@@ -346,18 +344,22 @@ void TKdsTableColumnList::Follow(TNotification* notification) {
 }
 
 void TKdsTableColumnList::Relayout() {
+    MarkLookupKeys();
     fLayout.Reset(fCount);
     std::int32_t index = 0;
     for (TKdsColumn* const column : *this) {
         TKdsSlotKind kind = skPlain;
         if (column->IsComputed()) {
             kind = skComputed;
+        } else if (column->GetIsReference()) {
+            kind = skLookup;
         } else if (column->DataType() == dtMemoString) {
             kind = skMemo;
         } else if (column->DataType() == dtCustomData) {
             kind = skCustom;
         }
         fLayout.Add(column->DataType(), kind, column->ActualSize(), column->IsDelayed());
+        if (column->GetIsLookupKey()) fLayout.SetResolves(index);
         const TKdsSlot& slot = fLayout.Slot(index);
         column->fIndex = index++;
         if (column->fIndexOrig < 0) column->fIndexOrig = column->fIndex;

@@ -21,6 +21,7 @@
 
 #include "kds/core/Kdsdata.h"
 #include "kds/core/Kdslayout.h"
+#include "kds/core/Kdslookups.h"
 #include "kds/core/Kdsstrings.h"
 #include "kds/core/Kdstypes.h"
 #include "kds/platform/Delegate.h"
@@ -133,7 +134,8 @@ public:
     [[nodiscard]] bool CaseSensitive() const noexcept { return !fAttributes.Has(caCaseless); }
     void SetCaseSensitive(bool value) { SetAttribute(caCaseless, !value); }
     void SetVirtualKey(bool value);
-    void SetLazyLookup(bool value) { SetAttribute(caLazyLookup, value); }
+    // A reference column finds its master row on the first read instead of on the write.
+    void SetLazyLookup(bool value) { SetAttribute(caLazyLookup, value && !GetIsVirtualKey()); }
 
     [[nodiscard]] std::int32_t Decimals() const noexcept { return fDecimals; }
     void SetDecimals(std::int32_t value);  // -1: as many as the value has
@@ -172,12 +174,27 @@ public:
     [[nodiscard]] bool GetIsForeignKey() const noexcept { return fOccurences.Has(coForeignKey); }
     [[nodiscard]] bool GetIsLookupKey() const noexcept { return fOccurences.Has(coLookupKey); }
     [[nodiscard]] bool GetIsReference() const noexcept { return fOccurences.Has(coReference); }
+    [[nodiscard]] bool GetIsVirtualKey() const noexcept { return fOccurences.Has(coVirtualKey); }
 
     // The display text of a value of this column; empty for null. The record may be absent.
     [[nodiscard]] std::u16string FormatValue(const TVariant& value,
                                              const TKdsRecord* record = nullptr) const;
-    [[nodiscard]] TVariant LookupValue(const TVariant& value) const;
+    // ---- References to other tables ----
+    // Declares that the values are those of a column of a table of the same store.
+    // TablePartOfStore without a store, NameNotFound, DataTypeMismatch, ColumnForeignKey for a
+    // second one.
     void ForeignKey(std::u16string_view tableName, std::u16string_view columnName);
+    // nullptr when the column refers to nothing, or when what it referred to has gone.
+    [[nodiscard]] TKdsTable* MasterTable() const noexcept { return fMasterTable; }
+    [[nodiscard]] TKdsColumn* MasterField() const noexcept { return fMasterField; }
+    // Of a reference column: the key column beside it, and the master's column that it shows.
+    [[nodiscard]] TKdsColumn* SourceField() const noexcept { return fSourceField; }
+    [[nodiscard]] TKdsColumn* TargetField() const noexcept { return fTargetField; }
+    // Of a reference column: shows another column of the master; nullptr stands for the row itself.
+    // CircularReference when that one looks back here.
+    void SetTargetField(TKdsColumn* value);
+    // Of a reference column: what it shows of the master row with this key, or "#wrong lookup".
+    [[nodiscard]] TVariant LookupValue(const TVariant& value) const;
 
     // Calculated and without room in the buffer.
     [[nodiscard]] bool IsComputed() const noexcept {
@@ -188,6 +205,7 @@ public:
 protected:
     TKdsColumn(std::u16string_view name, TKdsDataType type, std::int32_t length);
     ~TKdsColumn() override = default;
+    void Teardown() noexcept override;
 
 private:
     friend class TKdsTableColumnList;
@@ -206,6 +224,9 @@ private:
     }
     void UpdateDataSize() noexcept;
     void UpdateOccurences() noexcept;
+    void TakeShapeOf(const TKdsColumn* shown);
+    void ForgetMaster() noexcept;
+    void ForgetMasterColumn(const TKdsColumn* column) noexcept;
     static void CheckLength(std::u16string_view name, std::int32_t length);
 
     TKdsAttributes fAttributes{caAllowNull};
@@ -232,6 +253,13 @@ private:
     TKdsGetValueEvent fOnGetValue;
     std::u16string fLookupFilter;
     std::int64_t fAutoIncNext = 0;
+    TKdsTable* fMasterTable = nullptr;
+    TKdsColumn* fMasterField = nullptr;
+    TKdsColumn* fSourceField = nullptr;
+    TKdsColumn* fTargetField = nullptr;
+    bool fIsReference = false;
+    bool fIsLookupKey = false;  // reference columns follow its values
+    TKdsLookupKind fLookupKind = lkNormal;
 };
 
 // A list of columns that somebody else owns, or the table's own.
@@ -278,6 +306,13 @@ public:
     TKdsColumn* Add(std::u16string_view name, std::u16string_view type, std::u16string_view length);
     TKdsColumn* Add(std::u16string_view name, std::u16string_view type, std::u16string_view length,
                     std::u16string_view displayLabel, std::u16string_view attributes);
+    // A reference column: shows a column of the master row that the foreign key beside it leads to,
+    // or with no target that row itself. A short lookup takes 2 bytes a row instead of 8 and serves
+    // masters of up to 65535 rows. LookupReference when the key column is no foreign key,
+    // FieldPrimaryKey when what it refers to is not the master's whole primary key,
+    // StaticLookupLong for a short lookup into too many rows.
+    TKdsColumn* AddLookup(std::u16string_view name, std::u16string_view keyColumn,
+                          std::u16string_view targetColumn = {}, TKdsLookupKind kind = lkNormal);
     [[nodiscard]] TKdsColumn* Find(std::u16string_view name) const;
     // Raises NameNotFound with the qualified name.
     [[nodiscard]] TKdsColumn* Columns(std::u16string_view name) const;
@@ -308,6 +343,8 @@ private:
     void Follow(TNotification* notification);
     void Relayout();
     void UpdateNotNull();
+    void MarkLookupKeys() noexcept;
+    void ForgetColumn(const TKdsColumn* column) noexcept;
     void UpdateNameIndex(TNotification* notification);
 
     TKdsStringList fNames;
@@ -315,5 +352,16 @@ private:
     TKdsOccurences fOccurences;
     TKdsTable* fTable;
 };
+
+template <typename F>
+void TKdsColumn::Change(bool layout, F&& store) {
+    TKdsTravelGuard guard;
+    const std::int32_t index = layout ? 1 : 0;
+    Notify(acPrepareUpdate, nullptr, index);
+    store();
+    UpdateDataSize();
+    UpdateOccurences();
+    Notify(acConfirmUpdate, nullptr, index);
+}
 
 }  // namespace kds

@@ -23,10 +23,12 @@
 namespace kds {
 
 enum class TKdsSlotKind : std::uint8_t {
-    skPlain,    // the bytes are the value
-    skMemo,     // a TAnsiString handle
-    skCustom,   // an interface pointer
-    skComputed  // not stored: computed on every read
+    skPlain,   // the bytes are the value
+    skMemo,    // a TAnsiString handle
+    skCustom,  // an interface pointer
+    // From here on the bytes alone are not the value.
+    skComputed,  // not stored: computed on every read
+    skLookup     // a key of a row in another table
 };
 using enum TKdsSlotKind;
 
@@ -38,6 +40,7 @@ struct TKdsSlot {
     std::int32_t StampOffset = -1;  // -1 without delayed calculation
     TKdsDataType Type = dtUnknown;
     TKdsSlotKind Kind = skPlain;
+    bool Resolves = false;  // other columns' lookup keys follow the value
 
     [[nodiscard]] std::int32_t End() const noexcept {
         return StampOffset < 0 ? Offset + Size : StampOffset + 4;
@@ -60,6 +63,9 @@ public:
     void Reserve(std::int32_t columnCount);
     // Columns are added in column order; `size` is the room in the buffer, 0 for none.
     void Add(TKdsDataType type, TKdsSlotKind kind, std::int32_t size, bool delayed);
+    void SetResolves(std::int32_t column) {
+        fSlots[static_cast<std::size_t>(column)].Resolves = true;
+    }
     void Finish();
     // Which columns must hold a value; asked by whole words on the insert path.
     void SetNotNull(std::int32_t column, bool value);

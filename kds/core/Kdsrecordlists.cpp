@@ -113,6 +113,7 @@ void TKdsTableRecordList::InsertItem(std::int32_t index, TKdsItem* item, TReleas
     if (record->Table() != fTable || record->Owner() != nullptr) KdsError(u"CannotInsertRecord");
     fTable->CheckNotBusy();
     TKdsChangeBracket bracket(fTable);
+    fTable->FreshenViews();
     TFirstError errors;
     {
         // The bracket's guard covers both: they are sent without one of their own.

@@ -93,6 +93,10 @@ public:
     private:
         TUnrolledSkipList::TIterator fPlace;
     };
+    // Unchecked.
+    [[nodiscard]] TKdsRecord* ItemAt(std::int32_t index) const {
+        return static_cast<TKdsRecord*>(static_cast<TKdsItem*>(fItems.Get(index)));
+    }
     [[nodiscard]] TIterator begin() const noexcept { return TIterator(fItems.begin()); }
     [[nodiscard]] TIterator end() const noexcept { return TIterator(fItems.end()); }
 
@@ -108,6 +112,7 @@ protected:
 
 private:
     friend class TKdsTable;
+    friend class TKdsRecord;
     explicit TKdsTableRecordList(TKdsTable* table);
     ~TKdsTableRecordList() override = default;
     [[nodiscard]] std::int32_t SearchRowID(std::uint32_t rowID) const;

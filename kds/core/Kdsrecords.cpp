@@ -157,6 +157,7 @@ void TKdsRecord::Post() {
         CheckNotNull();
     } else {
         CheckConstraints(rsRegular);
+        table->FreshenViews();
         table->ReservePlaces(this);
         // Calculating changes the edit, so nothing that may fail comes behind it.
         table->ReserveChanges();

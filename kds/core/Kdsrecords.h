@@ -156,6 +156,10 @@ public:
     [[nodiscard]] const std::byte* FindBuffer() const noexcept {
         return EffectiveState() == rsRegular ? fBuffer.Original : fBuffer.Proposed;
     }
+    [[nodiscard]] const std::byte* BufferFor(TKdsReading reading) const noexcept {
+        const bool posted = reading == TKdsReading::Posted && EffectiveState() == rsEditing;
+        return posted ? fBuffer.Original : FindBuffer();
+    }
 
     // ---- Values ----
     // Whether the column has a value; a text's size is in characters.
@@ -211,7 +215,25 @@ public:
         return Compare(nullptr, -1, other, options);
     }
 
+    // ---- Lookups: how a reference column finds its master row ----
+    // The row whose key is this value; the key is untouched when there is none.
+    bool ResolveLookupKey(const TKdsColumn* column, const void* data, std::int32_t size,
+                          TKdsNormalLookup& key);
+    // Whether the key leads to a row with this value; a valid normal key gets its row identifier.
+    bool IsValidReference(const TKdsColumn* column, TKdsNormalLookup& key, const void* data,
+                          std::int32_t size);
+    // Writes the unresolved key into 8 bytes, or into 2 for a short lookup.
+    static void MarkAsUnresolved(const TKdsColumn* column, void* key) noexcept;
+    // Sets the key column beside a reference column to the key of this row of the master.
+    void SetAsRowC(const TKdsColumn* column, TKdsRecord* master);
+
     // ---- For the library: the one internal read ----
+    // The row that a reference column leads to, nullptr when there is none; `hasKey` tells whether
+    // there is a value to look up.
+    [[nodiscard]] TKdsRecord* MasterRow(const TKdsColumn* column, TKdsReading reading,
+                                        bool& hasKey);
+    // Writes keys that lead astray anew, so that reads need not look them up each time.
+    void RepairKey(const TKdsColumn* column);
     bool ReadValue(const TKdsColumn* column, TKdsReading reading, TKdsScratch& scratch,
                    TKdsValue& value);
     // The buffer of a resident row: what its views hold, also while they hear of its deletion.
@@ -313,8 +335,19 @@ private:
     [[gnu::noinline]] void SetChecked(const TKdsColumn* column, const void* data,
                                       std::int32_t size);
     void StoreValue(const TKdsColumn* column, const void* data, std::int32_t size);
+    void StorePlain(const TKdsColumn* column, const TKdsSlot& slot, const void* data,
+                    std::int32_t size);
     void StoreText(const TKdsColumn* column, const TKdsSlot& slot, const void* data,
                    std::int32_t size);
+    // ---- Lookups ----
+    bool ReadLookup(const TKdsColumn* column, TKdsReading reading, TKdsScratch& scratch,
+                    TKdsValue& value);
+    void StoreKey(const TKdsColumn* column, const void* data, std::int32_t size);
+    void StoreReferenceKey(const TKdsColumn* column, const TKdsSlot& slot, const void* data,
+                           std::int32_t size);
+    void NullReferences(const TKdsColumn* source);
+    [[nodiscard]] TKdsNormalLookup KeyFor(const TKdsColumn* column, const void* data,
+                                          std::int32_t size);
     void StoreReference(const TKdsColumn* column, const TKdsSlot& slot, const void* data,
                         std::int32_t size);
     void StoreVariant(const TKdsColumn* column, const TVariant& value);

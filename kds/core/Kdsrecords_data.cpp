@@ -79,7 +79,8 @@ bool TKdsRecord::ReadValue(const TKdsColumn* column, TKdsReading reading, TKdsSc
                            TKdsValue& value) {
     value = {};
     const TKdsSlot& slot = fTable->Layout().Slot(column->Index());
-    if (slot.Kind == skComputed || slot.StampOffset >= 0) {
+    if (slot.Kind >= skComputed || slot.StampOffset >= 0) {
+        if (slot.Kind == skLookup) return ReadLookup(column, reading, scratch, value);
         if (reading == TKdsReading::Posted) {
             const TKdsStateScope posted = TKdsStateScope::Posted(this);
             return ReadValue(column, TKdsReading::Current, scratch, value);
@@ -87,12 +88,7 @@ bool TKdsRecord::ReadValue(const TKdsColumn* column, TKdsReading reading, TKdsSc
         if (slot.Kind == skComputed) return ReadComputed(column, scratch, value);
         RefreshDelayed(column, slot);
     }
-    const std::byte* buffer = nullptr;
-    if (reading == TKdsReading::Posted && EffectiveState() == rsEditing) {
-        buffer = fBuffer.Original;
-    } else {
-        buffer = FindBuffer();
-    }
+    const std::byte* const buffer = BufferFor(reading);
     if (buffer == nullptr || !slot.HasValue(buffer)) return false;
     return ReadSlot(slot, buffer, value);
 }
@@ -159,6 +155,13 @@ void TKdsRecord::RefreshDelayed(const TKdsColumn* column, const TKdsSlot& slot) 
 bool TKdsRecord::GetDataP(const TKdsColumn* column, const void*& data, std::int32_t& size) {
     CheckColumn(column);
     TKdsValue value;
+    if (column->GetIsReference() && column->TargetField() == nullptr) {
+        // The row itself, which a pointer of 8 bytes leads to.
+        bool hasKey = false;
+        data = MasterRow(column, TKdsReading::Current, hasKey);
+        size = data != nullptr ? 8 : hasKey ? -1 : 0;
+        return data != nullptr;
+    }
     const bool found = ReadValue(column, TKdsReading::Current, fTable->fScratch, value);
     data = value.Data;
     size = value.Size;
@@ -211,6 +214,10 @@ void TKdsRecord::SetDataP(const TKdsColumn* column, const void* data, std::int32
         !column->ReadOnly() && data != nullptr) {
         const TKdsSlot& slot = fTable->Layout().Slot(column->Index());
         std::byte* const target = fBuffer.Proposed + slot.Offset;
+        if (slot.Resolves) {
+            StoreKey(column, data, size);
+            return;
+        }
         if (slot.Kind == skPlain && size == slot.Size && !IsTextType(slot.Type) &&
             (size == 8 || size == 4)) {
             if (size == 8) {
@@ -236,15 +243,28 @@ void TKdsRecord::SetChecked(const TKdsColumn* column, const void* data, std::int
 
 void TKdsRecord::SetNullC(const TKdsColumn* column) {
     CheckWrite(column);
-    StoreNull(column);
+    // A reference shows nothing when its key is null.
+    const TKdsColumn* const source = column->GetIsReference() ? column->SourceField() : nullptr;
+    if (source != nullptr) CheckWrite(source);
+    StoreNull(source != nullptr ? source : column);
 }
 
 // Everything that can fail happens before the slot is touched.
 void TKdsRecord::StoreValue(const TKdsColumn* column, const void* data, std::int32_t size) {
     const TKdsSlot& slot = fTable->Layout().Slot(column->Index());
+    if (slot.Resolves) {
+        StoreKey(column, data, size);
+        return;
+    }
+    StorePlain(column, slot, data, size);
+}
+
+void TKdsRecord::StorePlain(const TKdsColumn* column, const TKdsSlot& slot, const void* data,
+                            std::int32_t size) {
     if (data == nullptr && size != 0) throw EInvalidArgument(u"A value needs its data");
     switch (slot.Kind) {
         case skComputed: KdsError(u"DataTypeUnsupported");
+        case skLookup: StoreReferenceKey(column, slot, data, size); return;
         case skMemo:
         case skCustom: StoreReference(column, slot, data, size); return;
         case skPlain: break;
@@ -324,6 +344,7 @@ void TKdsRecord::StoreNull(const TKdsColumn* column) {
         std::memset(buffer + slot.Offset, 0, static_cast<std::size_t>(slot.Size));
     }
     slot.MarkNull(buffer);
+    if (slot.Resolves) NullReferences(column);
 }
 
 }  // namespace kds

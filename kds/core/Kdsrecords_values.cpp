@@ -13,10 +13,10 @@
 namespace kds {
 
 TVariant TKdsRecord::GetDataC(const TKdsColumn* column) {
-    const void* data = nullptr;
-    std::int32_t size = 0;
-    if (!GetDataP(column, data, size)) return Null;
-    return BufferToVar(column->DataType(), data, size);
+    CheckColumn(column);
+    TKdsValue value;
+    if (!ReadValue(column, TKdsReading::Current, fTable->fScratch, value)) return Null;
+    return BufferToVar(value.Type, value.Data, value.Size);
 }
 
 void TKdsRecord::SetDataC(const TKdsColumn* column, const TVariant& value) {
@@ -31,6 +31,7 @@ void TKdsRecord::StoreVariant(const TKdsColumn* column, const TVariant& value) {
         StoreNull(column);
         return;
     }
+    if (column->GetIsReference()) KdsError(u"CannotLookupVariant");
     const TKdsDataType type = column->DataType();
     std::byte number[16];
     std::int32_t size = 0;
@@ -91,11 +92,6 @@ std::optional<std::u16string> TKdsRecord::Get(const TKdsColumn* column) {
     return text;
 }
 
-TKdsRecord* TKdsRecord::GetAsRowC(const TKdsColumn* column) {
-    CheckColumn(column);
-    KdsError(u"LookupReference");
-}
-
 void TKdsRecord::SetValues(std::span<const TVariant> values) {
     if (fTable == nullptr) KdsError(u"RecordStateInvalid");
     if (values.size() > static_cast<std::size_t>(fTable->Columns()->Count())) {
@@ -105,7 +101,7 @@ void TKdsRecord::SetValues(std::span<const TVariant> values) {
     for (const TVariant& value : values) {
         const TKdsColumn* const column = fTable->Columns()->GetItem(index++);
         // What is calculated on reading has no place for a value.
-        if (column->IsComputed() && !value.Assigned()) continue;
+        if ((column->IsComputed() || column->GetIsReference()) && !value.Assigned()) continue;
         SetDataC(column, value);
     }
 }
@@ -151,7 +147,14 @@ bool TKdsRecord::SameValueC(const TKdsColumn* column, TKdsRecord* other,
 }
 
 std::u16string TKdsRecord::Format(const TKdsColumn* column) {
-    return column->FormatValue(GetDataC(column), this);
+    CheckColumn(column);
+    if (!column->GetIsReference()) return column->FormatValue(GetDataC(column), this);
+    bool hasKey = false;
+    TKdsRecord* const row = MasterRow(column, TKdsReading::Current, hasKey);
+    if (row == nullptr) return hasKey ? GetMessageText(u"UnresolvedLookup") : std::u16string();
+    const TKdsColumn* const shown =
+        column->TargetField() != nullptr ? column->TargetField() : column->MasterField();
+    return row->Format(shown);
 }
 
 // ---- Defaults and calculation -------------------------------------------------------------

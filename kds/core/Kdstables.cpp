@@ -2,6 +2,7 @@
 
 #include "kds/core/Kdserrors.h"
 #include "kds/core/Kdsstores.h"
+#include "kds/views/Kdsaccept.h"
 #include "kds/views/Kdsevents.h"
 #include "kds/views/Kdsstorages.h"
 #include "kds/views/Kdsviewlists.h"
@@ -66,11 +67,17 @@ void TKdsTable::Teardown() noexcept {
     BuryDead();
     ReleaseDetached();
     ForgetScopes();
+    while (!fReferrers.empty()) {
+        TKdsColumn* const column = fReferrers.back();
+        fReferrers.pop_back();
+        column->ForgetMaster();
+    }
     fColumns.reset();
     GiveBack(std::exchange(fSpareBuffer, nullptr));
     if (fSlab != nullptr) std::exchange(fSlab, nullptr)->Abandon();
     fDeacons.clear();
     fSextons.clear();
+    fFilters.clear();
     TKdsName::Teardown();
 }
 
@@ -189,6 +196,7 @@ void TKdsTable::Notify(TNotification* notification) {
     TKdsSteps steps(notification);
     if (notification->Action != acStatusChanged) {
         fVersion = static_cast<std::int32_t>(static_cast<std::uint32_t>(fVersion) + 1);
+        CountChange(*notification);
     }
     if (notification->Action == acConfirmDelete || notification->Action == acConfirmUpdate) {
         fKeyFailed = false;  // the rows may fit the key now
@@ -205,6 +213,21 @@ void TKdsTable::Notify(TNotification* notification) {
     }
     steps.Run([&] { Climb(notification); });
     steps.Finish();
+}
+
+void TKdsTable::CountChange(const TNotification& notification) noexcept {
+    ++fChangeCount;
+    if (fReferrers.empty()) return;
+    std::uint32_t& post = fPosts[fChangeCount % fPosts.size()];
+    post = NoRowID;
+    if (notification.Action != acConfirmUpdate) return;
+    const auto* const record = static_cast<TKdsRecord*>(notification.Sender);
+    // A quiet post changes no key of the table's own.
+    const bool keepsKeys =
+        fQuietPost == record || std::ranges::none_of(fReferrers, [&](const TKdsColumn* column) {
+            return column->MasterField() != nullptr && fChanged.Has(column->MasterField()->Index());
+        });
+    if (keepsKeys) post = record->RowID();
 }
 
 void TKdsTable::Handle(TNotification* notification) {

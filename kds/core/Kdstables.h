@@ -18,6 +18,7 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <initializer_list>
 #include <memory>
 #include <span>
@@ -32,6 +33,7 @@
 
 namespace kds {
 
+class IKdsAccept;
 class IKdsStorageFactory;
 class IKdsViewFactory;
 class TKdsAcceptRecordProc;
@@ -166,7 +168,16 @@ public:
                        std::u16string_view filter = {}, TKdsAcceptRecordEvent onAccept = nullptr,
                        bool unordered = false, const TIntf<IKdsViewFactory>& viewFactory = nullptr);
     void RebuildViews(bool full);
-    [[nodiscard]] bool HasFilters() const noexcept { return false; }
+
+    // ---- Filters ----
+    // Hide rows from every view but the primary one. Adding and removing rebuild the views; should
+    // a view raise then, the others are built and the filter is added or removed all the same.
+    // Twice the same filter, or removing an unknown one, has no effect.
+    void AppendFilter(TIntf<IKdsAccept> filter);
+    void RemoveFilter(const TIntf<IKdsAccept>& filter);
+    [[nodiscard]] bool HasFilters() const noexcept { return !fFilters.empty(); }
+    // Whether no filter rejects the row; the first one that does ends it.
+    [[nodiscard]] bool ApplyFilters(TKdsView* view, TKdsRecord* record) const;
 
     // ---- Observers ----
     void AppendDeacon(TIntf<IKdsSexton> observer);
@@ -190,6 +201,24 @@ public:
     // What the views look at has changed: which of them care for a post is to be found out anew.
     void ViewsChanged() noexcept { fWatch.Known = false; }
     void LayoutChanged() noexcept;
+    // ---- Columns of other tables that look into this one ----
+    void ReserveReferrer() { fReferrers.reserve(fReferrers.size() + 1); }
+    void AppendReferrer(TKdsColumn* column) noexcept { fReferrers.push_back(column); }
+    void RemoveReferrer(const TKdsColumn* column) noexcept { std::erase(fReferrers, column); }
+    [[nodiscard]] const std::vector<TKdsColumn*>& Referrers() const noexcept { return fReferrers; }
+    // Counts every change of the rows.
+    [[nodiscard]] std::uint64_t ChangeCount() const noexcept { return fChangeCount; }
+    // The row that the change with this number has posted, if it did nothing else that matters to
+    // who looks it up; NoRowID otherwise, or when that is too long ago.
+    [[nodiscard]] std::uint32_t PostedBy(std::uint64_t change) const noexcept {
+        return change + fPosts.size() <= fChangeCount ? NoRowID : fPosts[change % fPosts.size()];
+    }
+    // So that a row is placed among rows that stand right.
+    void FreshenViews() {
+        if (fColumns->Occurences().Has(coReference)) FreshenReadingViews();
+    }
+    // Views of other tables that look into this one and have links hear of its changes now.
+    void FreshenReaders(TFirstError& errors) noexcept;
     // Host callbacks run inside the engine: rows and views must stay as they are.
     [[nodiscard]] bool IsBusy() const noexcept { return fBusy > 0; }
     // Nor may the rows change while a change of them is travelling.
@@ -308,6 +337,8 @@ private:
                fWatch.Known && fStatus == mtsRegular && fStagedEvents == 0;
     }
     void Climb(TNotification* notification);
+    void FreshenReadingViews();
+    void CountChange(const TNotification& notification) noexcept;
     void CheckUniqueViews(TKdsRecord* record);
     void ReservePlaces(const TKdsRecord* record);
     void ApproachPlaces(const TKdsRecord* record, TKdsApproach way);
@@ -326,6 +357,7 @@ private:
     void DropPrimaryKey();
     [[nodiscard]] TKdsRecord* FindByColumnValues(std::span<const TVariant> values);
     void MakeDefaultView(std::int32_t create);
+    void RestoreDefaultView(TFirstError& errors);
     TKdsView* EnterView(TOwned<TKdsView>&& view);
     TKdsView* DoSelect(std::u16string_view orderBy, TKdsComparer onCompare,
                        std::u16string_view filter, TKdsAcceptRecordEvent onAccept,
@@ -352,6 +384,11 @@ private:
     TIntf<IKdsStorageFactory> fStorageFactory;
     std::vector<TIntf<IKdsSexton>> fDeacons;
     std::vector<TIntf<IKdsSexton>> fSextons;
+    std::vector<TIntf<IKdsAccept>> fFilters;
+    std::vector<TKdsColumn*> fReferrers;
+    std::uint64_t fChangeCount = 0;
+    std::array<std::uint32_t, 32> fPosts{};  // of the latest changes, for those that look in
+    std::uint64_t fFreshened = 0;            // the change of which readers with links have heard
 
     TSlab* fSlab = nullptr;
     std::byte* fSpareBuffer = nullptr;

@@ -54,7 +54,7 @@ void TKdsTable::CheckUniqueViews(TKdsRecord* record) {
     if (fViews->Count() < 2 && fPrimaryView != nullptr) return;
     for (TKdsView* const view : *fViews) {
         if (view == fPrimaryView || !view->Actual() || !view->Unique()) continue;
-        if (view->HasTests() || view->OnCompare() || unchanged(view)) continue;
+        if (view->OnAccept() || view->OnCompare() || unchanged(view)) continue;
         if (view->HasEqual(record)) KdsError(u"UniqueViolated", {view->Name()});
     }
 }
@@ -106,7 +106,7 @@ TKdsTable::TWatch TKdsTable::LookAtViews() const {
         for (std::int32_t i = 0; i < view->Plan().Count(); ++i) {
             const TKdsSlot& slot = view->Plan().Part(i).Slot;
             // Values whose bytes do not tell whether they have changed.
-            if (slot.Kind == skComputed || slot.Kind == skCustom || slot.StampOffset >= 0) {
+            if (slot.Kind >= skCustom || slot.StampOffset >= 0) {
                 watch.All = true;
                 continue;
             }
@@ -176,6 +176,12 @@ void TKdsTable::FindChanges(const std::byte* before, const std::byte* after) {
             }
         }
         if (changed) fChanged.Include(i);
+    }
+    if (!fColumns->Occurences().Has(coReference)) return;
+    // What a reference shows follows the key column beside it, whatever its own key says.
+    for (const TKdsColumn* const column : *fColumns) {
+        const TKdsColumn* const source = column->SourceField();
+        if (source != nullptr && fChanged.Has(source->Index())) fChanged.Include(column->Index());
     }
 }
 
@@ -330,6 +336,7 @@ void TKdsTable::MakeDefaultView(std::int32_t create) {
     if (fDefaultView == nullptr && create > 0) {
         TOwned<TKdsView> view = TKdsView::Create(this, fViews->GenerateName(u"DV_" + Name()));
         view->SetOrderBy(key);
+        view->fMadeAsDefault = true;
         fDefaultView = EnterView(std::move(view));
     }
 }
@@ -389,25 +396,6 @@ TKdsView* TKdsTable::DoSelect(std::u16string_view orderBy, TKdsComparer onCompar
     bracket.Close(errors);
     errors.Rethrow();
     return kept;
-}
-
-void TKdsTable::RebuildViews(bool full) {
-    CheckNotBusy();
-    TKdsChangeBracket bracket(this);  // links hear of it when all views are built
-    TFirstError errors;
-    const auto refresh = [&](TKdsView* view) {
-        const TKdsViewLockings previous = view->fLocking;
-        view->fLocking.Set(vlOrderBy, !full);
-        TScopeGuard unlock([&] { view->fLocking = previous; });
-        view->Refresh();
-    };
-    if (full && fPrimaryView != nullptr) errors.Run([&] { refresh(fPrimaryView); });
-    TKdsListCursor cursor(fViews.get());
-    while (TKdsItem* const item = cursor.Next()) {
-        if (item != fPrimaryView) errors.Run([&] { refresh(static_cast<TKdsView*>(item)); });
-    }
-    bracket.Close(errors);
-    errors.Rethrow();
 }
 
 }  // namespace kds

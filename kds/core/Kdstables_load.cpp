@@ -251,6 +251,8 @@ void TKdsTable::Clear() {
         fLastRowID = 0;
         fOrphanRows = 0;
         fVersion = 0;
+        ++fChangeCount;
+        fPosts.fill(NoRowID);
         for (TKdsColumn* const column : *fColumns) column->fAutoIncNext = column->fAutoIncSeed;
     });
     errors.Run([&] {
@@ -376,6 +378,7 @@ void TKdsLoad::Leave() {
 
 void TKdsTable::CloseBracket(TFirstError& errors) noexcept {
     --fBracket;
+    if (!fReferrers.empty() && fBracket == 0 && !fDelivers) FreshenReaders(errors);
     if (fEvents.empty() && fDead.empty()) return;
     if (fBracket == 0 && !fDelivers) DeliverEvents(errors);
     if (MayBury()) BuryDead();

@@ -165,7 +165,7 @@ const TKdsOrderPlan& TKdsOrderColumnList::Plan(const TKdsLayout& layout) const {
 namespace {
 
 TKdsKeyKind KindOf(const TKdsSlot& slot) noexcept {
-    if (slot.Kind == skComputed || slot.StampOffset >= 0) return kkSlow;
+    if (slot.Kind >= skComputed || slot.StampOffset >= 0) return kkSlow;
     switch (slot.Type) {
         case dtByte: return kkByte;
         case dtShort: return kkShort;
@@ -444,7 +444,7 @@ std::uint64_t TKdsOrderPlan::PrefixMask(std::int32_t count) const noexcept {
 bool TKdsOrderPlan::SameBytes(const std::byte* a, const std::byte* b) const {
     for (const TKdsKeyPart& part : fParts) {
         const TKdsSlot& slot = part.Slot;
-        if (slot.Kind == skComputed || slot.StampOffset >= 0) return false;
+        if (slot.Kind >= skComputed || slot.StampOffset >= 0) return false;
         const bool hasA = slot.HasValue(a);
         if (hasA != slot.HasValue(b)) return false;
         if (!hasA) continue;

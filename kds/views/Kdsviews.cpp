@@ -4,6 +4,7 @@
 
 #include "kds/core/Kdserrors.h"
 #include "kds/platform/Clock.h"
+#include "kds/views/Kdscomparescope.h"
 #include "kds/views/Kdsviewlists.h"
 
 namespace kds {
@@ -125,9 +126,11 @@ void TKdsView::RaiseForeign() {
 bool TKdsView::Accept(TKdsRecord* record) {
     if (record == nullptr || record->Table() != fTable) RaiseForeign();
     bool accept = true;
-    if (!fOnAccept) return accept;
+    if (!HasTests()) return accept;
     TKdsBusyScope busy(fTable);
     const TKdsStateScope posted = TKdsStateScope::Posted(record);
+    if (IsFiltered()) accept = fTable->ApplyFilters(this, record);
+    if (!accept || !fOnAccept) return accept;
     const TKdsAcceptRecordEvent routine = fOnAccept;
     routine(this, record, accept);
     return accept;
@@ -257,32 +260,6 @@ TKdsIndexMatch TKdsView::Suites(std::u16string_view orderBy, TKdsViewOptions inc
 
 // ---- Searches -----------------------------------------------------------------------------
 
-// What the comparer looks at during one search; the search before, of the same view, is restored.
-class TKdsView::TCompareScope {
-public:
-    TCompareScope(TKdsView* view, TKdsOrderColumnList* columns, std::int32_t count) noexcept
-        : fView(view),
-          fColumns(view->fCompareColumnList),
-          fCount(view->fCompareColumnCount),
-          fOptions(view->fCompareOptions) {
-        view->fCompareColumnList = columns;
-        view->fCompareColumnCount = count;
-    }
-    ~TCompareScope() {
-        fView->fCompareColumnList = fColumns;
-        fView->fCompareColumnCount = fCount;
-        fView->fCompareOptions = fOptions;
-    }
-    TCompareScope(const TCompareScope&) = delete;
-    TCompareScope& operator=(const TCompareScope&) = delete;
-
-private:
-    TKdsView* fView;
-    TKdsOrderColumnList* fColumns;
-    std::int32_t fCount;
-    TKdsCompareOptions fOptions;
-};
-
 void TKdsView::Search(TKdsRecord* record, TKdsOrderColumnList* columns, std::int32_t count,
                       TKdsLocateOptions options, std::int32_t& index, bool& found) {
     index = options.Has(loNearest) ? 0 : -1;
@@ -337,44 +314,15 @@ bool TKdsView::RowsStandByKey(const TKdsRecord* but) const {
 }
 
 TKdsRecord* TKdsView::Items(std::int32_t index) const {
+    Freshen();
     if (index < 0 || index >= Count()) ListIndexError(index);
     return ItemAt(index);
 }
 
 std::int32_t TKdsView::IndexOf(TKdsRecord* record) const {
     if (record == nullptr || record->Table() != fTable || record->Owner() == nullptr) return -1;
+    Freshen();
     return fStorage->Find(record);
-}
-
-// The key's values go into the table's locator, which is never a row.
-void TKdsView::Locate(std::span<const TVariant> values, TKdsLocateOptions options,
-                      std::int32_t& index, bool& found) {
-    index = -1;
-    found = false;
-    if (fSorting != omOrder || fTable == nullptr) return;
-    if (values.size() > static_cast<std::size_t>(fColumns->Count())) {
-        throw EInvalidArgument(u"More values than order columns");
-    }
-    TOwned<TKdsRecord> key = fTable->TakeLocator();
-    TScopeGuard giveBack([&] { fTable->GiveLocator(std::move(key)); });
-    std::int32_t count = 0;
-    for (const TVariant& value : values) key->StoreVariant(fColumns->GetItem(count++), value);
-    Search(key.get(), nullptr, count, options, index, found);
-}
-
-std::int32_t TKdsView::Find(std::span<const TVariant> values) {
-    std::int32_t index = -1;
-    bool found = false;
-    Locate(values, {loNearest}, index, found);
-    return found ? index : -1;
-}
-
-std::int32_t TKdsView::FindNearest(std::span<const TVariant> values, TKdsLocateOptions options) {
-    std::int32_t index = -1;
-    bool found = false;
-    options.Include(loNearest);
-    Locate(values, options, index, found);
-    return index;
 }
 
 }  // namespace kds

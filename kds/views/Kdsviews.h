@@ -21,6 +21,7 @@
 #include <initializer_list>
 #include <iterator>
 #include <memory>
+#include <ranges>
 #include <span>
 #include <string>
 #include <vector>
@@ -103,7 +104,10 @@ public:
     [[nodiscard]] const TKdsViewStats& Stats() const noexcept { return fStats; }
 
     // ---- Rows ----
-    [[nodiscard]] std::int32_t Count() const { return fRecords->GetCount(); }
+    [[nodiscard]] std::int32_t Count() const {
+        Freshen();
+        return fRecords->GetCount();
+    }
     [[nodiscard]] TKdsRecord* Items(std::int32_t index) const;
     [[nodiscard]] TKdsViewRecords* GetRecords() const noexcept { return fRecords; }
     // Position of the record, -1 when it is not in the view.
@@ -113,6 +117,31 @@ public:
     [[nodiscard]] std::int32_t Find(std::span<const TVariant> values);
     [[nodiscard]] std::int32_t Find(std::initializer_list<TVariant> values) {
         return Find(std::span<const TVariant>(values.begin(), values.size()));
+    }
+    // The same with options: loNoCase and loPartial widen what is equal, loLastRow means the last
+    // such row instead of the first.
+    [[nodiscard]] std::int32_t FindRow(std::span<const TVariant> values,
+                                       TKdsLocateOptions options = {});
+    [[nodiscard]] std::int32_t FindRow(std::initializer_list<TVariant> values,
+                                       TKdsLocateOptions options = {}) {
+        return FindRow(std::span<const TVariant>(values.begin(), values.size()), options);
+    }
+    // The record instead of its position; nullptr when there is none.
+    [[nodiscard]] TKdsRecord* FindRecord(std::span<const TVariant> values,
+                                         TKdsLocateOptions options = {});
+    [[nodiscard]] TKdsRecord* FindRecord(std::initializer_list<TVariant> values,
+                                         TKdsLocateOptions options = {}) {
+        return FindRecord(std::span<const TVariant>(values.begin(), values.size()), options);
+    }
+    // By any columns, written as an order text: by a search when the view is ordered by them, row
+    // by row otherwise. With loNearest, where the row would stand: EInvalidArgument when the view's
+    // order does not tell.
+    [[nodiscard]] std::int32_t Locate(std::u16string_view columns, std::span<const TVariant> values,
+                                      TKdsLocateOptions options = {});
+    [[nodiscard]] std::int32_t Locate(std::u16string_view columns,
+                                      std::initializer_list<TVariant> values,
+                                      TKdsLocateOptions options = {}) {
+        return Locate(columns, std::span<const TVariant>(values.begin(), values.size()), options);
     }
     // The row with these values, or where it would stand: 0 to Count.
     [[nodiscard]] std::int32_t FindNearest(std::span<const TVariant> values,
@@ -134,7 +163,7 @@ public:
         using pointer = void;
         using reference = TKdsRecord*;
 
-        TIterator() = default;
+        TIterator() noexcept : TIterator(nullptr, 0) {}
         TIterator(const TKdsView* view, difference_type index) noexcept
             : fView(view), fIndex(index) {}
         TKdsRecord* operator*() const { return fView->ItemAt(static_cast<std::int32_t>(fIndex)); }
@@ -170,11 +199,28 @@ public:
         }
 
     private:
-        const TKdsView* fView = nullptr;
-        difference_type fIndex = 0;
+        const TKdsView* fView;
+        difference_type fIndex;
     };
     [[nodiscard]] TIterator begin() const noexcept { return {this, 0}; }
     [[nodiscard]] TIterator end() const { return {this, Count()}; }
+    // By the first columns of the order: the first row that is not before these values, the first
+    // that is behind them, and the rows between. end() in row-identifier order. O(log n).
+    [[nodiscard]] TIterator LowerBound(std::span<const TVariant> values);
+    [[nodiscard]] TIterator LowerBound(std::initializer_list<TVariant> values) {
+        return LowerBound(std::span<const TVariant>(values.begin(), values.size()));
+    }
+    [[nodiscard]] TIterator UpperBound(std::span<const TVariant> values);
+    [[nodiscard]] TIterator UpperBound(std::initializer_list<TVariant> values) {
+        return UpperBound(std::span<const TVariant>(values.begin(), values.size()));
+    }
+    [[nodiscard]] std::ranges::subrange<TIterator> EqualRange(std::span<const TVariant> values) {
+        return {LowerBound(values), UpperBound(values)};
+    }
+    [[nodiscard]] std::ranges::subrange<TIterator> EqualRange(
+        std::initializer_list<TVariant> values) {
+        return EqualRange(std::span<const TVariant>(values.begin(), values.size()));
+    }
 
     // ---- Comparison ----
     [[nodiscard]] TKdsComparer GetComparer(TKdsCompareOptions options);
@@ -212,13 +258,22 @@ public:
     [[nodiscard]] bool IsConsistent();
 
     // ---- For the library ----
+    // Of a view whose order reads other tables: follows what has changed there since.
+    void Freshen() const {
+        if (fReadsOthers) const_cast<TKdsView*>(this)->FollowOthers();
+    }
+    [[nodiscard]] bool ReadsOthers() const noexcept { return fReadsOthers; }
     // What storages place and search rows by: an item by its posted values, the key as it reads.
     [[nodiscard]] std::int32_t CompareItem(TKdsRecord* item, TKdsRecord* key,
                                            TKdsCompareOptions options);
     // Two members, by their posted values, equal keys by row identifier.
     [[nodiscard]] std::int32_t CompareMembers(TKdsRecord* a, TKdsRecord* b,
                                               TKdsCompareOptions options);
-    [[nodiscard]] bool HasTests() const noexcept { return static_cast<bool>(fOnAccept); }
+    [[nodiscard]] bool HasTests() const noexcept { return fOnAccept || IsFiltered(); }
+    // By the table's filters, from which the primary view is free.
+    [[nodiscard]] bool IsFiltered() const noexcept {
+        return fTable->HasFilters() && fTable->PrimaryView() != this;
+    }
     // Whether every row stands where its values of now put it, but perhaps this one: not so in an
     // order that can change without notice, nor while another row is being posted.
     [[nodiscard]] bool RowsStandByKey(const TKdsRecord* but) const;
@@ -227,7 +282,7 @@ public:
     [[nodiscard]] bool HasEqual(TKdsRecord* record);
     // Whether a post that changes none of the order's columns concerns the view all the same.
     [[nodiscard]] bool NeedsEveryPost() const noexcept {
-        return !fIsPlain || fOnAccept || fOnCompare || !fLinks.empty() || (Unique() && !fDistinct);
+        return !fIsPlain || HasTests() || fOnCompare || !fLinks.empty() || (Unique() && !fDistinct);
     }
     [[nodiscard]] bool SameKey(const std::byte* a, const std::byte* b) const;
     [[nodiscard]] const TKdsOrderPlan& Plan() const;
@@ -271,8 +326,15 @@ private:
     void SortRows(bool force);
     void CheckDistinct();
     [[nodiscard]] bool IsInOrder(TKdsCompareOptions options);
-    void Locate(std::span<const TVariant> values, TKdsLocateOptions options, std::int32_t& index,
-                bool& found);
+    template <typename F>
+    void WithKey(const TKdsOrderColumnList* columns, std::span<const TVariant> values, F&& use);
+    void SearchKey(std::span<const TVariant> values, TKdsLocateOptions options, std::int32_t& index,
+                   bool& found);
+    [[nodiscard]] bool IsOrderedBy(const TKdsOrderColumnList& columns, std::int32_t count,
+                                   TKdsLocateOptions options) const;
+    [[nodiscard]] std::int32_t ScanFor(TKdsRecord* key, const TKdsOrderColumnList* columns,
+                                       std::int32_t count, TKdsLocateOptions options);
+    [[nodiscard]] TIterator Bound(std::span<const TVariant> values, bool isUpper);
 
     void GiveUp() noexcept;
     void HandleData(TNotification* notification);
@@ -290,6 +352,23 @@ private:
     [[nodiscard]] std::int32_t PlaceForNew(TKdsRecord* record);
     void PlacedUnchecked() noexcept;
     [[nodiscard]] bool KeepsPlace() const;
+    // ---- Other tables ----
+    struct TSource {
+        TKdsTable* Table;
+        std::uint64_t Changes;
+        bool IsDirect;  // what is shown lies in this very table
+        friend bool operator==(const TSource&, const TSource&) = default;
+    };
+    [[nodiscard]] std::vector<TSource> Sources() const;
+    [[nodiscard]] bool IsFresh() const noexcept;
+    void FollowOthers();
+    [[nodiscard]] bool PlaceReadersOf(const std::vector<TSource>& sources);
+    [[nodiscard]] bool PostedMasters(const TSource& before, const TSource& now,
+                                     std::vector<TKdsRecord*>& masters) const;
+    void CollectReaders(const TKdsColumn* column, TKdsRecord* master,
+                        std::vector<TKdsRecord*>& rows) const;
+    void ReplaceRows(const std::vector<TKdsRecord*>& rows);
+    void RepairKeys();
 
     TOwned<TKdsOrderColumnList> fColumns;
     std::int32_t fChangeCount = 0;
@@ -327,7 +406,10 @@ private:
     bool fAsleep = false;    // switched off by a change of its columns; its next use wakes it
     bool fEntering = false;  // being built on its way into the list
     bool fEnds = false;
-    bool fIsPlain = false;  // of this very class
+    bool fMadeAsDefault = false;    // by the table
+    bool fReadsOthers = false;      // the order shows columns of other tables
+    std::vector<TSource> fSources;  // as of the last time
+    bool fIsPlain = false;          // of this very class
 };
 
 }  // namespace kds

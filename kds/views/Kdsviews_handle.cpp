@@ -30,6 +30,7 @@ void TKdsView::HandleData(TNotification* notification) {
 
 void TKdsView::GiveUp() noexcept {
     fActual = false;
+    fReadsOthers = false;
     fDistinct = false;
     fLastRow = nullptr;
     if (fTable != nullptr) fTable->ViewsChanged();
@@ -108,7 +109,7 @@ std::int32_t TKdsView::PlaceForNew(TKdsRecord* record) {
 
 TKdsView::TPlace TKdsView::PlaceInserted(TKdsRecord* record) {
     TPlace place;
-    if (fOnAccept && !Accept(record)) return place;
+    if (HasTests() && !Accept(record)) return place;
     const std::int32_t count = Count();
     const bool byRowID = fSorting == omRowID && !fOnCompare;
     // Behind the last row; a row that came back with its old number has its old place.
@@ -131,10 +132,10 @@ void TKdsView::PlacedUnchecked() noexcept {
 TKdsView::TPlace TKdsView::PlaceUpdated(TKdsRecord* record) {
     TPlace place;
     const bool keeps = KeepsPlace();
-    if (keeps && !fOnAccept && fLinks.empty() && fTable->Status() == mtsRegular) return place;
+    if (keeps && !HasTests() && fLinks.empty() && fTable->Status() == mtsRegular) return place;
     fLastRow = nullptr;
     place.Old = fStorage->Find(record);
-    if (fOnAccept && !Accept(record)) {
+    if (HasTests() && !Accept(record)) {
         if (place.Old >= 0) fStorage->Delete(place.Old);
         place.Outcome = TOutcome::Removed;
         return place;

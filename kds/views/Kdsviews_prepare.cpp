@@ -13,6 +13,7 @@ void TKdsView::Prepare() {
     if (fTable->IsBusy()) KdsError(u"RecordStateInvalid");
     const std::int64_t start = QueryPerformanceCounter();
     fAsleep = false;
+    fReadsOthers = false;
     fLastRow = nullptr;
     std::vector<TKdsColumn*> madeNotNull;
     TScopeGuard fail([&] {
@@ -41,12 +42,18 @@ void TKdsView::Prepare() {
         } else if (fSorting == omRowID && fTable->Records()->Order() == rloMixed) {
             sorts = true;
         }
+        fReadsOthers = false;  // now the rows are placed by what is there now
+        if (fTable->Columns()->Occurences().Has(coReference)) {
+            fSources = Sources();
+            if (!fSources.empty()) RepairKeys();
+        }
         if (sorts && Count() > 1) SortRows(fLocking.Has(vlFilters) || source != nullptr);
         if (Unique()) CheckDistinct();
         fRebuilds = false;
         fStorage->Prepared();
     }
     fail.Dismiss();
+    fReadsOthers = fTable->Columns()->Occurences().Has(coReference) && !fSources.empty();
     fTable->ViewsChanged();
     const std::int64_t end = QueryPerformanceCounter();
     fStats.UpdateTime = Now();
@@ -109,7 +116,7 @@ TKdsView* TKdsView::ReusableView(TKdsIndexMatch& match) {
 void TKdsView::Fill(TKdsView* source, TKdsIndexMatch match) {
     fStorage->Clear();
     const auto take = [&](TKdsRecord* record) {
-        if (!fOnAccept || Accept(record)) fStorage->Append(record);
+        if (!HasTests() || Accept(record)) fStorage->Append(record);
     };
     if (source == nullptr) {
         for (TKdsRecord* const record : *fTable->Records()) take(record);

@@ -199,7 +199,6 @@ TEST_F(TKdsColumnTest, RefusesWhatIsMissing) {
     const std::pair<std::string, std::function<void()>> missing[] = {
         {"A calculated expression", [&] { n->SetExpression(u"1+1"); }},
         {"A lookup filter", [&] { n->SetLookupFilter(u"x"); }},
-        {"A foreign key", [&] { n->ForeignKey(u"T", u"n"); }},
         {"A virtual key", [&] { n->SetVirtualKey(true); }},
         {"A virtual key", [&] { n->SetAttributes({caVirtualKey}); }},
         {"A limit of records in memory", [&] { fTable->SetMaxRecordsInMemory(10); }},

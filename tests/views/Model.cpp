@@ -66,6 +66,17 @@ TModel::TModel(std::uint32_t seed, TKdsTableOptions options, int size, TKdsStora
     fViews.emplace_back();
     fViews.back().View = fTable->PrimaryView();
     fViews.back().Order = {{0, false, false}};
+    fFilter.SetOnAccept(TKdsAcceptRecordEvent::Bind<&HideOnes>());
+    fFilter.SetTable(fTable);
+}
+
+TModel::~TModel() {
+    fFilter.SetTable(nullptr);
+    fStore->Free();
+}
+
+void TModel::HideOnes(TKdsView*, TKdsRecord* record, bool& accept) {
+    accept = record->GetDataI(2) != TVariant(std::int32_t{1});
 }
 
 // Reads the row through variants, as a routine of a host would.
@@ -237,6 +248,7 @@ void TModel::Step() {
     if (draw < 96) return DropView();
     if (draw < 97) return ChangeView();
     if (draw < 98) return LoadBracket();
+    if (Draw(4) == 0) return fFilter.SetEnabled(!fFilter.Enabled());
     if (Draw(40) == 0) return Rename();
     if (fListens) TurnRoutine();
 }
@@ -256,6 +268,7 @@ void TModel::TurnRoutine() {
 void TModel::CheckView(const TModelView& view) {
     std::vector<std::uint32_t> expected;
     for (const auto& [rowID, row] : fRows) {
+        if (fFilter.Enabled() && view.View != fTable->PrimaryView() && row.Qty == 1) continue;
         if (view.LeastQty < 0 || row.Qty.value_or(-1) >= view.LeastQty) expected.push_back(rowID);
     }
     std::ranges::sort(expected, [&](auto a, auto b) { return Before(view, a, b); });
@@ -317,6 +330,18 @@ void TModel::CheckPrefix(TKdsView* view, TKdsRecord* key) {
     }
     if (view->IndexOf(key) >= 0 && key->RowState() == rsEditing) return;  // it equals itself
     ASSERT_EQ(index, expected);
+    if (key->Owner() == nullptr) {
+        // Rows that are edited stand by what they were.
+        std::int32_t behind = expected;
+        while (behind < view->Count() && order(behind) == 0) ++behind;
+        std::vector<TVariant> values;
+        for (std::int32_t i = 0; i < count; ++i) {
+            values.push_back(key->GetDataC(view->Columns()->GetItem(i)));
+        }
+        const auto range = view->EqualRange(values);
+        ASSERT_EQ(range.begin() - view->begin(), expected);
+        ASSERT_EQ(range.end() - view->begin(), behind);
+    }
     ASSERT_EQ(found,
               expected < view->Count() && (view->Items(expected) == key || order(expected) == 0));
 }

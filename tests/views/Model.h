@@ -60,7 +60,7 @@ public:
     // About `size` rows; identifiers are drawn from three times as many.
     TModel(std::uint32_t seed, TKdsTableOptions options, int size, TKdsStorageKind storage,
            bool listens = false);
-    ~TModel() { fStore->Free(); }
+    ~TModel();
     TModel(const TModel&) = delete;
     TModel& operator=(const TModel&) = delete;
 
@@ -112,6 +112,7 @@ private:
         return fTable->Records()->FindRowID(std::next(fRows.begin(), Draw(Size()))->first);
     }
     [[nodiscard]] int Size() const { return static_cast<int>(fRows.size()); }
+    static void HideOnes(TKdsView* view, TKdsRecord* record, bool& accept);
     std::int32_t CompareCustom(TKdsRecord* a, TKdsRecord* b);
     template <typename F>
     [[nodiscard]] bool Refuses(F&& change);
@@ -145,6 +146,7 @@ private:
     int fDirection = 1;  // of the routine that orders custom views
     bool fListens;
     TModelNotes fHeard;
+    TKdsAccept fFilter;  // hides rows with the quantity 1
 };
 
 }  // namespace kds

@@ -1,0 +1,155 @@
+// Columns that refer to another table, and those that look into it.
+#include "kds/core/Kdscolumns.h"
+#include "kds/core/Kdserrors.h"
+#include "kds/core/Kdsstores.h"
+#include "kds/core/Kdstables.h"
+#include "kds/views/Kdsorders.h"
+
+namespace kds {
+namespace {
+
+// Values travel between the two columns as they are.
+bool AreCompatible(TKdsDataType a, TKdsDataType b) noexcept {
+    return a == b || (IsAnsiType(a) && IsAnsiType(b));
+}
+
+bool IsWholeKey(TKdsTable* table, const TKdsColumn* column) {
+    const TOwned<TKdsOrderColumnList> key = TKdsOrderColumnList::Create();
+    key->Parse(table, table->GetPrimaryKey());
+    return key->Count() == 1 && key->GetItem(0) == column;
+}
+
+}  // namespace
+
+void TKdsColumn::ForeignKey(std::u16string_view tableName, std::u16string_view columnName) {
+    TKdsTable* const own = Table();
+    if (own == nullptr || own->Store() == nullptr) {
+        KdsError(u"TablePartOfStore", {own == nullptr ? Name() : own->Name()});
+    }
+    TKdsTable* const master = own->Store()->Tables()->Tables(tableName);
+    TKdsColumn* const field = master->Columns()->Columns(columnName);
+    if (!AreCompatible(fDataType, field->DataType())) {
+        KdsError(u"DataTypeMismatch", {own->Name(), Name(), master->Name(), field->Name()});
+    }
+    if (field == this) KdsParserError(u"CircularReference", {Name()});
+    if (fMasterTable == master && fMasterField == field && !fIsReference) return;
+    if (fMasterTable != nullptr) KdsError(u"ColumnForeignKey", {Name(), fMasterTable->Name()});
+    master->ReserveReferrer();
+    Change(false, [&] {
+        fMasterTable = master;
+        fMasterField = field;
+        master->AppendReferrer(this);
+    });
+}
+
+TKdsColumn* TKdsTableColumnList::AddLookup(std::u16string_view name, std::u16string_view keyColumn,
+                                           std::u16string_view targetColumn, TKdsLookupKind kind) {
+    TKdsColumn* const key = Columns(keyColumn);
+    if (!key->GetIsForeignKey()) KdsError(u"LookupReference");
+    TKdsTable* const master = key->fMasterTable;
+    if (!IsWholeKey(master, key->fMasterField)) {
+        KdsError(u"FieldPrimaryKey", {key->fMasterField->Name(), master->Name()});
+    }
+    if (kind == lkShort && master->Records()->Count() > TKdsStaticLookup{}.Index) {
+        KdsError(u"StaticLookupLong", {master->Name(), fTable->Name(), name});
+    }
+    TKdsColumn* const target =
+        targetColumn.empty() ? nullptr : master->Columns()->Columns(targetColumn);
+    TOwned<TKdsColumn> column(new TKdsColumn(name, dtInteger, DefaultVariableLength));
+    column->fIsReference = true;
+    column->fLookupKind = kind;
+    master->ReserveReferrer();
+    column->fMasterTable = master;
+    column->fMasterField = key->fMasterField;
+    column->fSourceField = key;
+    column->fTargetField = target;
+    column->TakeShapeOf(target != nullptr ? target : key->fMasterField);
+    master->AppendReferrer(column.get());
+    return Add(std::move(column));
+}
+
+// A reference has the type of what it shows.
+void TKdsColumn::TakeShapeOf(const TKdsColumn* shown) {
+    fDataType = shown->fDataType;
+    fLength = shown->fLength;
+    UpdateDataSize();
+    UpdateOccurences();
+}
+
+void TKdsColumn::SetTargetField(TKdsColumn* value) {
+    if (!fIsReference || fMasterTable == nullptr) KdsError(u"LookupReference");
+    if (value == fTargetField) return;
+    if (value != nullptr && value->Owner() != fMasterTable->Columns()) {
+        throw EInvalidArgument(u"The column does not belong to the table that is looked into");
+    }
+    for (const TKdsColumn* step = value; step != nullptr; step = step->fTargetField) {
+        if (step == this) KdsParserError(u"CircularReference", {Name()});
+    }
+    Change(false, [&] {
+        fTargetField = value;
+        TakeShapeOf(value != nullptr ? value : fMasterField);
+    });
+}
+
+TVariant TKdsColumn::LookupValue(const TVariant& value) const {
+    if (!fIsReference) KdsError(u"LookupReference");
+    if (fMasterTable == nullptr || fMasterField == nullptr) {
+        return TVariant(GetMessageText(u"UnresolvedLookup"));
+    }
+    TOwned<TKdsRecord> key = fMasterTable->TakeLocator();
+    TScopeGuard giveBack([&] { fMasterTable->GiveLocator(std::move(key)); });
+    key->EnterForced();
+    key->SetDataC(fMasterField, value);
+    key->LeaveForced();
+    TKdsScratch scratch;
+    TKdsValue raw;
+    TKdsNormalLookup found;
+    if (!key->ReadValue(fMasterField, TKdsReading::Current, scratch, raw) ||
+        !key->ResolveLookupKey(this, raw.Data, raw.Size, found)) {
+        return TVariant(GetMessageText(u"UnresolvedLookup"));
+    }
+    TKdsRecord* const row = fMasterTable->Records()->ItemAt(found.Index);
+    return row->GetDataC(fTargetField != nullptr ? fTargetField : fMasterField);
+}
+
+// ---- What has gone ------------------------------------------------------------------------
+
+void TKdsColumn::Teardown() noexcept {
+    if (fMasterTable != nullptr) fMasterTable->RemoveReferrer(this);
+    fMasterTable = nullptr;
+    TKdsName::Teardown();
+}
+
+void TKdsColumn::ForgetMaster() noexcept {
+    fMasterTable = nullptr;
+    fMasterField = nullptr;
+    fTargetField = nullptr;
+    UpdateOccurences();
+}
+
+// Without what it refers to a column is an ordinary one; without what it shows it shows nothing.
+void TKdsColumn::ForgetMasterColumn(const TKdsColumn* column) noexcept {
+    if (fMasterField != column && fTargetField != column) return;
+    if (TKdsTable* const master = fMasterTable) master->RemoveReferrer(this);
+    ForgetMaster();
+}
+
+void TKdsTableColumnList::ForgetColumn(const TKdsColumn* column) noexcept {
+    for (TKdsColumn* const other : *this) {
+        if (other->fSourceField == column) other->fSourceField = nullptr;
+    }
+    const std::vector<TKdsColumn*>& referrers = fTable->Referrers();
+    for (std::size_t i = referrers.size(); i > 0; --i) {
+        if (i <= referrers.size()) referrers[i - 1]->ForgetMasterColumn(column);
+    }
+}
+
+void TKdsTableColumnList::MarkLookupKeys() noexcept {
+    for (TKdsColumn* const column : *this) column->fIsLookupKey = false;
+    for (const TKdsColumn* const column : *this) {
+        if (column->fSourceField != nullptr) column->fSourceField->fIsLookupKey = true;
+    }
+    for (TKdsColumn* const column : *this) column->UpdateOccurences();
+}
+
+}  // namespace kds

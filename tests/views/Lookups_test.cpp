@@ -1,0 +1,367 @@
+// Columns that show those of another table: declarations, what reads answer while masters come, go
+// and change, and views ordered by what is shown.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <optional>
+#include <random>
+#include <vector>
+
+#include "kds/kds.h"
+#include "tests/support/Seed.h"
+
+namespace kds {
+namespace {
+
+std::string RefusalOf(const std::function<void()>& operation) {
+    try {
+        operation();
+    } catch (const Exception& error) {
+        return error.what();
+    }
+    return "";
+}
+
+class TLookupTest : public testing::Test {
+protected:
+    TLookupTest() : fStore(TKdsStore::Create(u"Lookups")) {
+        fCountries = fStore->Tables()->Add(u"Countries");
+        fCountries->Columns()->Add(u"Code", dtAnsiString, 2);
+        fCountries->Columns()->Add(u"Name", dtAnsiString, 16);
+        fCountries->Columns()->Add(u"Number", dtInteger);
+        fCountries->SetPrimaryKey(u"Code");
+        fZones = fStore->Tables()->Add(u"Zones");
+        fZones->Columns()->Add(u"Id", dtInteger);
+        fZones->Columns()->Add(u"Country", dtAnsiString, 2)->ForeignKey(u"Countries", u"Code");
+        fZones->SetPrimaryKey(u"Id");
+    }
+    ~TLookupTest() override { fStore->Free(); }
+
+    TKdsColumn* AddName(TKdsLookupKind kind = lkNormal) {
+        return fZones->Columns()->AddLookup(u"Name", u"Country", u"Name", kind);
+    }
+    void AddCountries(int count) {
+        for (int i = 0; i < count; ++i) fCountries->Insert({Code(i), u"N" + Code(i), i});
+    }
+    static std::u16string Letter(int i) { return {static_cast<char16_t>(u'a' + i)}; }
+    static std::u16string Code(int i) {
+        return {static_cast<char16_t>(u'A' + i / 26), static_cast<char16_t>(u'A' + i % 26)};
+    }
+    TKdsRecord* AddZone(int id, const TVariant& country) {
+        TOwned<TKdsRecord> zone = fZones->NewRow();
+        zone->SetDataN(u"Id", id);
+        zone->SetDataN(u"Country", country);
+        return fZones->Records()->Add(std::move(zone));
+    }
+
+    TKdsStore* fStore;
+    TKdsTable* fCountries;
+    TKdsTable* fZones;
+};
+
+TEST_F(TLookupTest, DeclarationsAreRefusedForWhatTheyCannotMean) {
+    TKdsTableColumnList* const zones = fZones->Columns();
+    const TOwned<TKdsTable> alone = TKdsTable::Create(u"Alone");
+    TKdsColumn* const single = alone->Columns()->Add(u"A", dtInteger);
+    TKdsColumn* const id = zones->Columns(u"Id");
+    const struct {
+        std::function<void()> Declare;
+        const char* Message;
+    } cases[] = {
+        {[&] { single->ForeignKey(u"Countries", u"Code"); },
+         "Table Alone should be a part of a Store"},
+        {[&] { id->ForeignKey(u"Nowhere", u"Code"); }, "Item named \"Nowhere\" not found"},
+        {[&] { id->ForeignKey(u"Countries", u"Nothing"); },
+         "Item named \"Countries.Nothing\" not found"},
+        {[&] { id->ForeignKey(u"Countries", u"Code"); },
+         "Zones.Id datatype doesn`t match Countries.Code"},
+        {[&] { id->ForeignKey(u"Zones", u"Id"); }, "Circular reference for Id detected"},
+        {[&] { zones->Columns(u"Country")->ForeignKey(u"Countries", u"Name"); },
+         "Column Country already defined as foreign key to Countries"},
+        {[&] { zones->AddLookup(u"X", u"Id"); }, "Only reference columns can be looked up"},
+        {[&] { zones->AddLookup(u"X", u"Country", u"Nothing"); },
+         "Item named \"Countries.Nothing\" not found"},
+    };
+    for (const auto& tested : cases) {
+        EXPECT_EQ(RefusalOf(tested.Declare), tested.Message);
+        EXPECT_EQ(zones->Count(), 2);
+        EXPECT_FALSE(id->GetIsForeignKey());
+    }
+    EXPECT_NO_THROW(zones->Columns(u"Country")->ForeignKey(u"Countries", u"Code"));  // the same
+    TKdsColumn* const number = zones->Add(u"Number", dtInteger);
+    number->ForeignKey(u"Countries", u"Number");
+    EXPECT_EQ(RefusalOf([&] { zones->AddLookup(u"X", u"Number"); }),
+              "\"Number\" should be unique (primary key) of table \"Countries\"");
+}
+
+TEST_F(TLookupTest, AReferenceTakesTwoOrEightBytesAndShowsTheMaster) {
+    TKdsColumn* const name = AddName();
+    TKdsColumn* const shorter =
+        fZones->Columns()->AddLookup(u"Row", u"Country", {}, TKdsLookupKind::lkShort);
+    EXPECT_EQ(name->ActualSize(), 8);
+    EXPECT_EQ(shorter->ActualSize(), 2);
+    EXPECT_TRUE(fZones->Columns()->Columns(u"Country")->GetIsLookupKey());
+    AddCountries(3);
+    TKdsRecord* const zone = AddZone(1, u"AB");
+
+    EXPECT_EQ(VarToStr(zone->GetDataC(name)), u"NAB");
+    EXPECT_EQ(zone->GetAsRowC(name), fCountries->Records()->Items(1));
+    EXPECT_EQ(VarToStr(zone->GetDataC(shorter)), u"AB");
+    const void* data = nullptr;
+    std::int32_t size = 0;
+    EXPECT_TRUE(zone->GetDataP(shorter, data, size));
+    EXPECT_EQ(data, fCountries->Records()->Items(1));
+    EXPECT_EQ(size, 8);
+    EXPECT_EQ(VarToStr(name->LookupValue(u"AC")), u"NAC");
+    EXPECT_EQ(VarToStr(name->LookupValue(u"ZZ")), u"#wrong lookup");
+    EXPECT_EQ(RefusalOf([&] { (void)zone->GetAsRowC(fZones->Columns()->Items(0)); }),
+              "Only reference columns can be looked up");
+    EXPECT_EQ(RefusalOf([&] { TKdsEdit(zone)->SetDataC(name, TVariant(u"NAC")); }),
+              "Cannot represent references as variant");
+}
+
+TEST_F(TLookupTest, UnresolvedKeysAnswerSizeMinusOneAndNullKeysNothing) {
+    TKdsColumn* const name = AddName();
+    AddCountries(2);
+    TKdsRecord* const wrong = AddZone(1, u"ZZ");
+    TKdsRecord* const none = AddZone(2, Null);
+    const void* data = nullptr;
+    std::int32_t size = 0;
+
+    EXPECT_FALSE(wrong->GetDataP(name, data, size));
+    EXPECT_EQ(size, -1);
+    EXPECT_EQ(wrong->Format(name), u"#wrong lookup");
+    EXPECT_FALSE(none->GetDataP(name, data, size));
+    EXPECT_EQ(size, 0);
+    EXPECT_EQ(none->Format(name), u"");
+    fCountries->Insert({u"ZZ", u"Found"});
+    EXPECT_EQ(wrong->Format(name), u"Found");
+}
+
+TEST_F(TLookupTest, ChainsLeadThroughSeveralTablesButNotInACircle) {
+    fCountries->Columns()->Add(u"Capital", dtInteger)->ForeignKey(u"Zones", u"Id");
+    TKdsColumn* const name = AddName();
+    TKdsColumn* const back = fCountries->Columns()->AddLookup(u"Back", u"Capital", u"Name");
+    EXPECT_EQ(RefusalOf([&] { name->SetTargetField(back); }),
+              "Circular reference for Name detected");
+    EXPECT_EQ(name->TargetField(), fCountries->Columns()->Columns(u"Name"));
+    fCountries->Insert({u"AA", u"Alpha", 0, 7});
+    AddZone(7, u"AA");
+    EXPECT_EQ(VarToStr(fCountries->Records()->Items(0)->GetDataC(back)), u"Alpha");
+}
+
+TEST_F(TLookupTest, AKeyThatTheHostWritesIsKeptOnlyWhenItLeadsToTheValue) {
+    TKdsColumn* const name = AddName();
+    AddCountries(20);
+    TKdsRecord* const zone = AddZone(1, u"AC");
+    TKdsNormalLookup key;
+    EXPECT_TRUE(zone->ResolveLookupKey(name, "AD", 2, key));
+    EXPECT_EQ(key.Index, 3);
+    EXPECT_TRUE(zone->IsValidReference(name, key, "AD", 2));
+    EXPECT_FALSE(zone->IsValidReference(name, key, "AC", 2));
+    const TKdsNormalLookup untouched = key;
+    EXPECT_FALSE(zone->ResolveLookupKey(name, "ZZ", 2, key));
+    EXPECT_EQ(key.Index, untouched.Index);
+
+    TKdsEdit edit(zone);
+    zone->SetDataP(name, &key, 8);  // of another country than the key column says
+    EXPECT_EQ(VarToStr(zone->GetDataC(name)), u"NAC");
+    zone->SetAsRowC(name, fCountries->Records()->Items(3));
+    EXPECT_EQ(VarToStr(zone->GetDataN(u"Country")), u"AD");
+    EXPECT_EQ(VarToStr(zone->GetDataC(name)), u"NAD");
+    zone->SetNullC(name);
+    EXPECT_TRUE(zone->GetIsNullC(fZones->Columns()->Columns(u"Country")));
+    EXPECT_EQ(RefusalOf([&] { zone->SetDataP(name, &key, 2); }),
+              "Datatype buffer length mismatch Zones.Name");
+}
+
+TEST_F(TLookupTest, MastersMayGoInAnyOrder) {
+    TKdsColumn* const name = AddName();
+    TKdsView* const view = fZones->Select(u"Name");
+    AddCountries(12);
+    TKdsRecord* const zone = AddZone(1, u"AB");
+    fCountries->Delete({u"AA"});  // the positions behind it shift
+    EXPECT_EQ(VarToStr(zone->GetDataC(name)), u"NAB");
+    fCountries->Clear();
+    fCountries->Insert({u"AX", u"Other"});  // with the first row's position and identifier
+    EXPECT_TRUE(zone->GetIsNullC(name));
+    EXPECT_EQ(view->Count(), 1);
+    fCountries->Clear();
+    fCountries->Columns()->Delete(fCountries->Columns()->Columns(u"Name")->Index());
+    EXPECT_EQ(name->MasterTable(), nullptr);
+    EXPECT_TRUE(zone->GetIsNullC(name));
+    fStore->Tables()->Remove(fCountries);
+    EXPECT_EQ(fZones->Columns()->Columns(u"Country")->MasterTable(), nullptr);
+    EXPECT_EQ(VarToStr(zone->GetDataN(u"Country")), u"AB");
+    EXPECT_EQ(view->Find({Null}), 0);
+}
+
+TEST_F(TLookupTest, AShortLookupRefusesAMasterThatHasGrownTooLarge) {
+    const TKdsColumn* const name = AddName(lkShort);
+    fCountries->SetPrimaryKey({});
+    TKdsLoad load(fCountries, mtsMassive);
+    for (int i = 0; i < 65'535; ++i) fCountries->Insert({Code(i % 26), u"N", i});
+    load.Leave();
+    TKdsRecord* const zone = AddZone(1, u"AB");
+    EXPECT_EQ(zone->GetAsRowC(name), fCountries->Records()->Items(1));
+    fCountries->Insert({u"ZZ", u"N", 0});
+    EXPECT_EQ(RefusalOf([&] { AddZone(2, u"AC"); }),
+              "Table \"Countries\" too large to be referenced by short lookup \"Zones.Name\"");
+}
+
+// ---- A random script ------------------------------------------------------------------------
+
+struct TLookupCase {
+    const char* Name;
+    TKdsStorageKind Storage;
+    TKdsTableOptions Options;
+    TKdsLookupKind Kind;
+    bool IsLazy, Listens;
+};
+
+// Countries come and go, are renamed and given other codes; zones too. After each step every zone
+// shows the name of the country with its code, and the view by name is in order.
+class TLookupModel : public TLookupTest, public testing::WithParamInterface<TLookupCase> {
+protected:
+    TLookupModel() {
+        fZones->SetOptions(GetParam().Options);
+        fZones->SetStorageFactory(StorageFactory(GetParam().Storage));
+        fName = AddName(GetParam().Kind);
+        fName->SetLazyLookup(GetParam().IsLazy);
+        fByName = fZones->Select(u"Name desc");
+        if (GetParam().Listens) fLink.SetView(fByName);
+    }
+    class TCounter final : public TKdsViewLink {
+    public:
+        void HandleEvent(TKdsEvent*) override { ++Heard; }
+        int Heard = 0;
+    };
+    int Draw(int bound) { return static_cast<int>(fRandom() % static_cast<unsigned>(bound)); }
+    TKdsRecord* Any(TKdsTable* table) {
+        const std::int32_t count = table->Records()->Count();
+        return count == 0 ? nullptr : table->Records()->Items(Draw(count));
+    }
+    void Step();
+    void Check();
+    [[nodiscard]] std::optional<std::u16string> Shown(TKdsRecord* zone);
+
+    std::mt19937 fRandom{support::Seed()};
+    TKdsColumn* fName;
+    TKdsView* fByName;
+    TCounter fLink;
+    int fNextZone = 0;
+};
+
+void TLookupModel::Step() {
+    const auto ignore = [](const auto& change) {
+        try {
+            change();
+        } catch (const EKdsError&) {
+            // A code that is taken.
+        }
+    };
+    const int draw = Draw(100);
+    TKdsRecord* const country = Any(fCountries);
+    TKdsRecord* const zone = Any(fZones);
+    if (draw < 15) {
+        ignore([&] { fCountries->Insert({Code(Draw(30)), Letter(Draw(9)), 0}); });
+    } else if (draw < 45 && country != nullptr) {
+        ignore([&] {
+            TKdsEdit edit(country);
+            if (Draw(5) == 0) country->SetDataN(u"Code", Code(Draw(30)));
+            country->SetDataN(u"Name", Letter(Draw(9)));
+            if (Draw(5) == 0) country->SetNullN(u"Name");
+            if (Draw(8) != 0) edit.Post();
+        });
+    } else if (draw < 52 && country != nullptr) {
+        country->Delete();
+    } else if (draw < 53 && Draw(6) == 0) {
+        fCountries->Clear();
+    } else if (draw < 75 && fZones->Records()->Count() < 60) {
+        AddZone(++fNextZone, Draw(8) == 0 ? TVariant(Null) : TVariant(Code(Draw(30))));
+    } else if (draw < 92 && zone != nullptr) {
+        if (zone->RowState() != rsEditing) zone->Edit();
+        zone->SetDataN(u"Country", Draw(8) == 0 ? TVariant(Null) : TVariant(Code(Draw(30))));
+        if (Draw(3) != 0) zone->Post();
+    } else if (zone != nullptr) {
+        zone->Delete();
+    }
+}
+
+// By looking at every country.
+std::optional<std::u16string> TLookupModel::Shown(TKdsRecord* zone) {
+    const TKdsColumn* const code = fZones->Columns()->Columns(u"Country");
+    const TVariant key = zone->RowState() == rsEditing ? zone->GetOldC(code) : zone->GetDataC(code);
+    if (key.IsNull()) return std::nullopt;
+    for (TKdsRecord* const country : *fCountries->Records()) {
+        if (VarToStr(country->GetDataN(u"Code")) != VarToStr(key)) continue;
+        const TVariant name = country->GetDataN(u"Name");
+        return name.IsNull() ? std::nullopt : std::optional(VarToStr(name));
+    }
+    return std::nullopt;
+}
+
+void TLookupModel::Check() {
+    std::vector<TKdsRecord*> expected;
+    for (TKdsRecord* const zone : *fZones->Records()) expected.push_back(zone);
+    std::map<TKdsRecord*, std::optional<std::u16string>> shown;
+    for (TKdsRecord* const zone : expected) shown[zone] = Shown(zone);
+    std::ranges::sort(expected, [&](TKdsRecord* a, TKdsRecord* b) {
+        const auto& x = shown[a];
+        const auto& y = shown[b];
+        if (x != y) return !y || (x && *x > *y);  // descending, nulls last
+        return a->RowID() < b->RowID();
+    });
+    ASSERT_EQ(fByName->Count(), static_cast<std::int32_t>(expected.size()));
+    ASSERT_EQ(std::vector<TKdsRecord*>(fByName->begin(), fByName->end()), expected);
+    ASSERT_STREQ(fZones->Inconsistency(), nullptr);
+    for (TKdsRecord* const zone : expected) {
+        ASSERT_EQ(fByName->Items(fByName->IndexOf(zone)), zone);
+        if (zone->RowState() == rsEditing) continue;
+        const TVariant name = zone->GetDataC(fName);
+        ASSERT_EQ(name.IsNull() ? std::nullopt : std::optional(VarToStr(name)), shown[zone]);
+    }
+}
+
+TEST_P(TLookupModel, ShowsTheMasterAndKeepsTheOrder) {
+    SCOPED_TRACE(testing::Message() << "repeat with KDS_TEST_SEED=" << support::Seed());
+    for (std::int64_t step = 0; step < support::Steps(800); ++step) {
+        Step();
+        // Now and then several changes meet the view at once.
+        if (Draw(3) == 0) continue;
+        ASSERT_NO_FATAL_FAILURE(Check()) << "step " << step;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Kinds, TLookupModel,
+    testing::Values(TLookupCase{"Skip", skSkip, {}, lkNormal, false, false},
+                    TLookupCase{"SkipHeard", skSkip, {}, lkNormal, false, true},
+                    TLookupCase{"TreeLazy", skTree, {}, lkNormal, true, false},
+                    TLookupCase{"ListShort", skList, {}, lkShort, false, true},
+                    TLookupCase{"LiteStripped", skLite, {mtoStripNulls}, lkShort, true, false}),
+    [](const auto& tested) { return std::string(tested.param.Name); });
+
+// Posts that change what a few rows show place only these again: the order of all the others is
+// never asked for, let alone sorted.
+TEST_F(TLookupTest, APostOfAMasterPlacesOnlyTheRowsThatShowIt) {
+    AddName();
+    AddCountries(26);
+    for (int i = 0; i < 2'000; ++i) AddZone(i, Code(i % 26));
+    TKdsView* const view = fZones->Select(u"Name");
+    ASSERT_EQ(view->Count(), 2'000);
+    const std::int32_t builds = view->Stats().UpdateCount;
+    TKdsRecord* const country = fCountries->Records()->Items(3);
+
+    TKdsEdit edit(country);
+    country->SetDataN(u"Name", u"ZZZ");
+    edit.Post();
+
+    EXPECT_EQ(VarToStr(view->Items(1'999)->GetDataN(u"Name")), u"ZZZ");
+    EXPECT_EQ(view->Stats().UpdateCount, builds);
+    EXPECT_TRUE(view->IsConsistent());
+}
+
+}  // namespace
+}  // namespace kds
