@@ -35,6 +35,7 @@ namespace kds {
 class IKdsStorageFactory;
 class IKdsViewFactory;
 class TKdsAcceptRecordProc;
+class TKdsChangeDesk;
 class TKdsStore;
 class TKdsTableScope;
 class TKdsView;
@@ -83,6 +84,11 @@ public:
         }
         return false;
     }
+    [[nodiscard]] bool Any() const noexcept {
+        return std::ranges::any_of(fWords, [](std::uint64_t word) { return word != 0; });
+    }
+    // 64 columns a word, the first in the lowest bit.
+    [[nodiscard]] std::span<const std::uint64_t> Bits() const noexcept { return fWords; }
 
 private:
     static std::size_t Words(std::int32_t count) noexcept {
@@ -206,6 +212,8 @@ public:
     [[nodiscard]] bool QueueEvent(TKdsView* view, const TKdsEvent& event) noexcept;
     void ForgetView(TKdsView* view) noexcept;
     void ForgetRecord(const TKdsRecord* record) noexcept;
+    // Of the change lists; made when it is first asked for.
+    [[nodiscard]] TKdsChangeDesk* ChangeDesk();
     [[nodiscard]] const TKdsColumnMask& ChangedColumns() const noexcept { return fChanged; }
     // Whether the posted values of every row but this one lie behind its record: only while a row
     // is being posted its new values lie elsewhere.
@@ -234,6 +242,7 @@ private:
     friend class TKdsTableRecordList;
     friend class TKdsRecord;
     friend class TKdsChangeBracket;
+    friend class TKdsChangeDesk;
     friend class TKdsBusyScope;
     friend class TKdsTravelScope;
     friend class TKdsTableScope;
@@ -272,8 +281,10 @@ private:
     void ReserveClear();
     // Nobody is to be told, or is being told, of a row.
     [[nodiscard]] bool MayBury() const noexcept {
-        return !fDelivers && fQueuedOrigins == 0 && fTravels == 0;
+        return !fDelivers && fQueuedOrigins == 0 && fTravels == 0 &&
+               (fChangeDesk == nullptr || !HoldsChanges());
     }
+    [[nodiscard]] bool HoldsChanges() const noexcept;
     void Untrack(TKdsRecord* record) noexcept {
         const auto slot = static_cast<std::size_t>(record->fBuffer.DetachedSlot);
         fDetached[slot] = fDetached.back();
@@ -358,6 +369,7 @@ private:
     std::vector<TKdsRecord*> fDetached;
     std::vector<TKdsRecord*> fDead;  // deleted in the open bracket, whole until it closes
     std::vector<TKdsQueuedEvent> fEvents;
+    std::unique_ptr<TKdsChangeDesk> fChangeDesk;
     TKdsColumnMask fChanged;
     TWatch fWatch;
     TKdsRecord* fQuietPost = nullptr;  // while the notification of such a post travels

@@ -5,6 +5,7 @@
 
 #include "kds/core/Kdserrors.h"
 #include "kds/platform/Clock.h"
+#include "kds/views/Kdschangefeeds.h"
 #include "kds/views/Kdsviewlists.h"
 
 namespace kds {
@@ -47,6 +48,7 @@ void TKdsView::Prepare() {
         fStorage->Prepared();
     }
     fail.Dismiss();
+    if (fChanges != nullptr) fChanges->Rebuilt();
     fTable->ViewsChanged();
     const std::int64_t end = QueryPerformanceCounter();
     fStats.UpdateTime = Now();
@@ -61,6 +63,7 @@ void TKdsView::Prepare() {
 // is about to sort the same rows anew keeps them.
 void TKdsView::Dismiss() {
     fLastRow = nullptr;
+    if (fChanges != nullptr) fChanges->Rebuilt();
     const bool comesBack = fTable != nullptr && fTable->Views()->Active() && fActive;
     if (!fLocking.Has(vlFilters) || !comesBack) fStorage->Clear();
     fStorage->InvalidateCache();
