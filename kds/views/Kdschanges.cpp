@@ -39,17 +39,17 @@ void TKdsChangedColumns::Include(const TKdsChangedColumns& other) {
 // ---- Copies -------------------------------------------------------------------------------
 
 void ApplyChanges(const TKdsChangeList& changes, std::vector<TKdsRecord*>& rows) {
+    const auto at = [&](std::int32_t place) { return rows.begin() + place; };
     for (const TKdsChange& change : changes) {
-        const auto from = rows.begin() + change.From;
-        const auto to = rows.begin() + change.To;
+        const auto [from, to] = std::pair(change.From, change.To);
         switch (change.Kind) {
-            case ckInserted: rows.insert(to, change.Record); break;
-            case ckRemoved: rows.erase(from); break;
+            case ckInserted: rows.insert(at(to), change.Record); break;
+            case ckRemoved: rows.erase(at(from)); break;
             case ckMoved:
                 if (from < to) {
-                    std::rotate(from, from + 1, to + 1);
+                    std::rotate(at(from), at(from) + 1, at(to) + 1);
                 } else {
-                    std::rotate(to, from, from + 1);
+                    std::rotate(at(to), at(from), at(from) + 1);
                 }
                 break;
             case ckUpdated: break;
