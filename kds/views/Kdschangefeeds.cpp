@@ -12,7 +12,10 @@ constexpr std::size_t LeastLimit = 1024;   // entries that a log may always hold
 constexpr std::size_t KeptEntries = 4096;  // room for so many is kept for the next log
 
 // The one entry of every list that stands for all rows.
-const TKdsChange RebuiltEntry{};
+std::span<const TKdsChange> RebuiltEntry() noexcept {
+    static const TKdsChange entry;
+    return {&entry, 1};
+}
 
 }  // namespace
 
@@ -268,11 +271,9 @@ void TKdsChangeFeed::Hand(const TKdsChangeLog& log, TFirstError& errors) noexcep
         TKdsChangeLink* const link = fLinks[i];
         if (link == nullptr || (log.Streams >> link->fStream & 1) == 0) continue;
         if (link->fLost || log.Number < link->fSince) continue;
-        std::span<const TKdsChange> entries(&RebuiltEntry, 1);
-        if (!log.Entries.empty()) entries = log.Entries;
-        if (!log.Entries.empty() && log.Number == link->fSince) {
-            entries = entries.subspan(link->fSkip);
-        }
+        const std::size_t skip = log.Number == link->fSince ? link->fSkip : 0;
+        const std::span<const TKdsChange> entries =
+            log.Entries.empty() ? RebuiltEntry() : std::span(log.Entries).subspan(skip);
         if (!entries.empty()) fDesk->Call(link, {fView, entries, log.Rows}, errors);
     }
     fHands = false;
@@ -479,7 +480,7 @@ void TKdsChangeDesk::Hand(TKdsChangeLog* log, TFirstError& errors) noexcept {
         link->fQueuedAt = nullptr;
         log->Clear();
         Mend(link);
-        Call(link, {link->View(), {&RebuiltEntry, 1}, fDelivered.Rows}, errors);
+        Call(link, {link->View(), RebuiltEntry(), fDelivered.Rows}, errors);
     } else {
         Recycle(log);
         feed->Hand(fDelivered, errors);

@@ -195,10 +195,14 @@ TEST_F(TChangesTest, AnUploadsBracketIsOneListAndOthersRebuild) {
         TKdsLoad load(fTable, mtsUploads);
         Insert(9, 25);
         Set(0, 1, 35);
+        fTable->Delete({9});
         EXPECT_EQ(notes.Take(), TLines());
+        EXPECT_EQ(fTable->Inconsistency(), nullptr);
         load.Leave();
     }
-    EXPECT_EQ(notes.Take(), TLines{"i2 r4, m0>3 r0 [1]"});
+    EXPECT_EQ(notes.Take(), TLines{"i2 r4, m0>3 r0 [1], d1 r4"});
+    Insert(9, 25);
+    EXPECT_EQ(notes.Take(), TLines{"i1 r5"});
     TKdsLoad load(fTable, mtsMassive);
     EXPECT_EQ(notes.Take(), TLines{"rebuilt 0"});
     Insert(8, 22);
@@ -249,6 +253,22 @@ TEST_F(TChangesTest, EditsCancelsAndRefusedOperationsWriteNothing) {
     row->Cancel();
     EXPECT_ANY_THROW(fView->SetOrderBy(u"Nobody"));
     EXPECT_EQ(notes.Take(), TLines());
+}
+
+TEST_F(TChangesTest, AViewThatCannotPlaceARowIsRebuilt) {
+    bool raises = false;
+    TKdsView* const view = fTable->SelectA(u"Id", u"", AcceptWhen([&](TKdsRecord*) {
+                                               if (raises) throw EKdsError(u"accept");
+                                               return true;
+                                           }));
+    TNotes notes(view);
+    raises = true;
+    EXPECT_EQ(support::Refusal([&] { Set(0, 1, 50); }), "accept");
+    raises = false;
+    EXPECT_EQ(notes.Take(), TLines{"rebuilt 0"});
+    view->Update();
+    EXPECT_EQ(notes.Take(), TLines{"rebuilt 4"});
+    EXPECT_TRUE(notes.Agrees());
 }
 
 TEST_F(TChangesTest, WhatMayHaveChangedCountsAsChanged) {
