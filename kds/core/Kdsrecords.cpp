@@ -155,6 +155,7 @@ void TKdsRecord::Post() {
     const bool isQuiet = table->IsQuietPost(fBuffer.Original, fBuffer.Proposed);
     if (isQuiet) {
         CheckNotNull();
+        table->ReserveFollowed();
     } else {
         CheckConstraints(rsRegular);
         table->ReservePlaces(this);

@@ -306,17 +306,22 @@ private:
         };
         bool Known = false;
         bool All = false;
+        bool Followed = false;  // links hear of every post, also of one that moves no row
         std::vector<TWord> Words;
         friend bool operator==(const TWatch&, const TWatch&) = default;
     };
     [[nodiscard]] TWatch LookAtViews() const;
-    // Whether a post moves no row in any view, breaks no key and is nobody else's business.
+    // Whether a post moves no row in any view, breaks no key and is nobody else's business than
+    // that of links.
     [[nodiscard]] bool IsQuietPost(const std::byte* before, const std::byte* after);
+    void ReserveFollowed() {
+        if (fWatch.Followed) ReserveEvents(1);
+    }
     // Whether the views may be left out of a notification: that of such a post, and nobody who
     // heard of it before has changed what they look at.
     [[nodiscard]] bool SkipsViews(const TNotification& notification) const noexcept {
         return notification.Sender == fQuietPost && notification.Action == acConfirmUpdate &&
-               fWatch.Known && fStatus == mtsRegular && fStagedEvents == 0;
+               fWatch.Known && !fWatch.Followed && fStatus == mtsRegular && fStagedEvents == 0;
     }
     void Climb(TNotification* notification);
     void CheckUniqueViews(TKdsRecord* record);

@@ -226,8 +226,11 @@ public:
     [[nodiscard]] bool HasEqual(TKdsRecord* record);
     // Whether a post that changes none of the order's columns concerns the view all the same.
     [[nodiscard]] bool NeedsEveryPost() const noexcept {
-        return !fIsPlain || fOnAccept || fOnCompare || !fLinks.empty() || fChanges != nullptr ||
-               (Unique() && !fDistinct);
+        return !fIsPlain || fOnAccept || fOnCompare || (Unique() && !fDistinct);
+    }
+    // Whether links hear of each post.
+    [[nodiscard]] bool IsFollowed() const noexcept {
+        return !fLinks.empty() || fChanges != nullptr;
     }
     [[nodiscard]] bool SameKey(const std::byte* a, const std::byte* b) const;
     [[nodiscard]] const TKdsOrderPlan& Plan() const;
