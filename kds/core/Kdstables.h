@@ -314,6 +314,12 @@ private:
     // Whether a post moves no row in any view, breaks no key and is nobody else's business than
     // that of links.
     [[nodiscard]] bool IsQuietPost(const std::byte* before, const std::byte* after);
+    // Brings near where the row stands in the views that are followed, a step each call, for a
+    // post that will ask for its position.
+    void ApproachFollowed(const TKdsRecord* record, std::int32_t step) {
+        if (fWatch.Followed && fWatch.Known) ApproachInFollowed(record, step);
+    }
+    void ApproachInFollowed(const TKdsRecord* record, std::int32_t step);
     void ReserveFollowed() {
         if (fWatch.Followed) ReserveEvents(1);
     }

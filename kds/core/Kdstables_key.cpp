@@ -90,6 +90,14 @@ void TKdsTable::ApproachPlaces(const TKdsRecord* record, TKdsApproach way) {
     }
 }
 
+void TKdsTable::ApproachInFollowed(const TKdsRecord* record, std::int32_t step) {
+    if (IsBusy()) return;
+    for (TKdsView* const view : *fViews) {
+        if (!view->IsFollowed() || !view->Actual() || view->fRebuilds) continue;
+        (void)view->Storage()->Approach(record, TKdsApproach::Leaving, step);
+    }
+}
+
 // Taken together once, so that a post that changes nothing they look at costs the same however
 // many there are. What has a routine of the host is asked each time, and so is a view of a class
 // of the host's, which may do anything.
