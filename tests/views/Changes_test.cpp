@@ -507,6 +507,34 @@ TEST_F(TChangesTest, AViewThatEndsWhileListsWaitLeavesItsLinksEmpty) {
     EXPECT_EQ(notes.Take(), TLines{"rebuilt 4"});
 }
 
+TEST_F(TChangesTest, AViewOrTableThatEndsInAnOpenBracketLeavesEmptyLinks) {
+    TNotes early(fTable->PrimaryView());
+    TNotes late;
+    {
+        const TKdsChangeBracket batch(fTable);
+        late.SetView(fView);  // its first rows wait
+        std::exchange(fView, nullptr)->Free();
+    }
+    EXPECT_EQ(late.Take(), TLines{"rebuilt 0"});
+    fTable->EnterLoad(mtsUploads);
+    Set(0, 2, 1);
+    std::exchange(fTable, nullptr)->Free();
+    EXPECT_EQ(early.Take(), TLines{"rebuilt 0"});
+    EXPECT_EQ(early.View(), nullptr);
+}
+
+TEST_F(TChangesTest, WhatHandlersOfEventsChangeMakesListsOfItsOwn) {
+    TNotes notes(fView);
+    bool again = true;
+    auto onEvent = [&](TKdsView*, TKdsEvent* event) {
+        if (event->Reason == evRecordUpdate && std::exchange(again, false)) Set(1, 2, 5);
+    };
+    TKdsViewHandler handler(TKdsViewEvent::BindCall(&onEvent));
+    handler.SetView(fView);
+    Set(0, 1, 35);
+    EXPECT_EQ(notes.Take(), (TLines{"m0>2 r0 [1]", "u0 r1 [2]"}));
+}
+
 // ---- Without memory -----------------------------------------------------------------------
 
 struct TFollowed {
