@@ -24,6 +24,7 @@
 #include "kds/platform/Translator.h"
 #include "kds/util/Sortutils.h"
 #include "kds/views/Kdsaccept.h"
+#include "kds/views/Kdschanges.h"
 #include "kds/views/Kdsevents.h"
 #include "kds/views/Kdsorders.h"
 #include "kds/views/Kdsstorages.h"

@@ -143,8 +143,10 @@ void TKdsRecord::ConfirmInsert() {
 void TKdsRecord::Edit() {
     if (fTable == nullptr || IsPosting() || fTable->IsBusy()) KdsError(u"RecordStateInvalid");
     CheckState({rsRegular}, true, u"RecordAlreadyEdits");
+    fTable->ApproachFollowed(this, 0);
     fBuffer.Proposed = fTable->CopyBuffer(fBuffer.Original);
     Become(rsEditing);
+    fTable->ApproachFollowed(this, 1);
 }
 
 void TKdsRecord::Post() {
@@ -155,6 +157,8 @@ void TKdsRecord::Post() {
     const bool isQuiet = table->IsQuietPost(fBuffer.Original, fBuffer.Proposed);
     if (isQuiet) {
         CheckNotNull();
+        table->ReserveFollowed();
+        table->ApproachFollowed(this, 2);
     } else {
         CheckConstraints(rsRegular);
         table->FreshenViews();

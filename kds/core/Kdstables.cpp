@@ -3,6 +3,7 @@
 #include "kds/core/Kdserrors.h"
 #include "kds/core/Kdsstores.h"
 #include "kds/views/Kdsaccept.h"
+#include "kds/views/Kdschangefeeds.h"
 #include "kds/views/Kdsevents.h"
 #include "kds/views/Kdsstorages.h"
 #include "kds/views/Kdsviewlists.h"
@@ -38,6 +39,7 @@ void TKdsTable::BeforeDestruction() {
 
 void TKdsTable::Teardown() noexcept {
     fStatus = mtsDestroy;
+    if (fChangeDesk != nullptr) fChangeDesk->TableEnds();
     try {
         NotifySextons();
     } catch (...) {
@@ -305,7 +307,9 @@ const char* TKdsTable::Inconsistency() const {
     if (!fRecords->IsConsistent()) return "record list";
     if (fBusy != 0 || fBracket != 0 || fTravels != 0) return "an open change";
     if (fWatch.Known && !(fWatch == LookAtViews())) return "what the views look at";
-    if (fStagedEvents != 0 || !fEvents.empty() || !fDead.empty()) return "events left over";
+    if (fStagedEvents != 0 || !fEvents.empty()) return "events left over";
+    if (!fDead.empty() && MayBury()) return "deleted rows left over";
+    if (fChangeDesk != nullptr && !fChangeDesk->IsSettled()) return "change lists left over";
     for (std::size_t i = 0; i < fDetached.size(); ++i) {
         const TKdsRecord* const record = fDetached[i];
         if (record->EffectiveState() != rsDetached ||

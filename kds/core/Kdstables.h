@@ -37,6 +37,7 @@ class IKdsAccept;
 class IKdsStorageFactory;
 class IKdsViewFactory;
 class TKdsAcceptRecordProc;
+class TKdsChangeDesk;
 class TKdsStore;
 class TKdsTableScope;
 class TKdsView;
@@ -85,6 +86,11 @@ public:
         }
         return false;
     }
+    [[nodiscard]] bool Any() const noexcept {
+        return std::ranges::any_of(fWords, [](std::uint64_t word) { return word != 0; });
+    }
+    // 64 columns a word, the first in the lowest bit.
+    [[nodiscard]] std::span<const std::uint64_t> Bits() const noexcept { return fWords; }
 
 private:
     static std::size_t Words(std::int32_t count) noexcept {
@@ -235,6 +241,8 @@ public:
     [[nodiscard]] bool QueueEvent(TKdsView* view, const TKdsEvent& event) noexcept;
     void ForgetView(TKdsView* view) noexcept;
     void ForgetRecord(const TKdsRecord* record) noexcept;
+    // Of the change lists; made when it is first asked for.
+    [[nodiscard]] TKdsChangeDesk* ChangeDesk();
     [[nodiscard]] const TKdsColumnMask& ChangedColumns() const noexcept { return fChanged; }
     // Whether the posted values of every row but this one lie behind its record: only while a row
     // is being posted its new values lie elsewhere.
@@ -263,6 +271,7 @@ private:
     friend class TKdsTableRecordList;
     friend class TKdsRecord;
     friend class TKdsChangeBracket;
+    friend class TKdsChangeDesk;
     friend class TKdsBusyScope;
     friend class TKdsTravelScope;
     friend class TKdsTableScope;
@@ -301,8 +310,10 @@ private:
     void ReserveClear();
     // Nobody is to be told, or is being told, of a row.
     [[nodiscard]] bool MayBury() const noexcept {
-        return !fDelivers && fQueuedOrigins == 0 && fTravels == 0;
+        return !fDelivers && fQueuedOrigins == 0 && fTravels == 0 &&
+               (fChangeDesk == nullptr || !HoldsChanges());
     }
+    [[nodiscard]] bool HoldsChanges() const noexcept;
     void Untrack(TKdsRecord* record) noexcept {
         const auto slot = static_cast<std::size_t>(record->fBuffer.DetachedSlot);
         fDetached[slot] = fDetached.back();
@@ -324,17 +335,28 @@ private:
         };
         bool Known = false;
         bool All = false;
+        bool Followed = false;  // links hear of every post, also of one that moves no row
         std::vector<TWord> Words;
         friend bool operator==(const TWatch&, const TWatch&) = default;
     };
     [[nodiscard]] TWatch LookAtViews() const;
-    // Whether a post moves no row in any view, breaks no key and is nobody else's business.
+    // Whether a post moves no row in any view, breaks no key and is nobody else's business than
+    // that of links.
     [[nodiscard]] bool IsQuietPost(const std::byte* before, const std::byte* after);
+    // Brings near where the row stands in the views that are followed, a step each call, for a
+    // post that will ask for its position.
+    void ApproachFollowed(const TKdsRecord* record, std::int32_t step) {
+        if (fWatch.Followed && fWatch.Known) ApproachInFollowed(record, step);
+    }
+    void ApproachInFollowed(const TKdsRecord* record, std::int32_t step);
+    void ReserveFollowed() {
+        if (fWatch.Followed) ReserveEvents(1);
+    }
     // Whether the views may be left out of a notification: that of such a post, and nobody who
     // heard of it before has changed what they look at.
     [[nodiscard]] bool SkipsViews(const TNotification& notification) const noexcept {
         return notification.Sender == fQuietPost && notification.Action == acConfirmUpdate &&
-               fWatch.Known && fStatus == mtsRegular && fStagedEvents == 0;
+               fWatch.Known && !fWatch.Followed && fStatus == mtsRegular && fStagedEvents == 0;
     }
     void Climb(TNotification* notification);
     void FreshenReadingViews();
@@ -395,6 +417,7 @@ private:
     std::vector<TKdsRecord*> fDetached;
     std::vector<TKdsRecord*> fDead;  // deleted in the open bracket, whole until it closes
     std::vector<TKdsQueuedEvent> fEvents;
+    std::unique_ptr<TKdsChangeDesk> fChangeDesk;
     TKdsColumnMask fChanged;
     TWatch fWatch;
     TKdsRecord* fQuietPost = nullptr;  // while the notification of such a post travels

@@ -90,9 +90,17 @@ void TKdsTable::ApproachPlaces(const TKdsRecord* record, TKdsApproach way) {
     }
 }
 
+void TKdsTable::ApproachInFollowed(const TKdsRecord* record, std::int32_t step) {
+    if (IsBusy()) return;
+    for (TKdsView* const view : *fViews) {
+        if (!view->IsFollowed() || !view->Actual() || view->fRebuilds) continue;
+        (void)view->Storage()->Approach(record, TKdsApproach::Leaving, step);
+    }
+}
+
 // Taken together once, so that a post that changes nothing they look at costs the same however
-// many there are. What has a routine of the host or links is asked each time, and so is a view of
-// a class of the host's, which may do anything.
+// many there are. What has a routine of the host is asked each time, and so is a view of a class
+// of the host's, which may do anything.
 TKdsTable::TWatch TKdsTable::LookAtViews() const {
     TWatch watch;
     watch.Known = true;
@@ -102,6 +110,7 @@ TKdsTable::TWatch TKdsTable::LookAtViews() const {
     };
     for (const TKdsView* const view : *fViews) {
         if (view->NeedsEveryPost()) watch.All = true;
+        if (view->IsFollowed()) watch.Followed = true;
         if (view->GetSortMode() != omOrder) continue;
         for (std::int32_t i = 0; i < view->Plan().Count(); ++i) {
             const TKdsSlot& slot = view->Plan().Part(i).Slot;

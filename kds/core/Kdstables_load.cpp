@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "kds/core/Kdserrors.h"
+#include "kds/views/Kdschangefeeds.h"
 #include "kds/views/Kdsevents.h"
 #include "kds/views/Kdsviewlists.h"
 #include "kds/views/Kdsviews.h"
@@ -292,6 +293,7 @@ void TKdsTable::ForgetRecord(const TKdsRecord* record) noexcept {
     for (TKdsQueuedEvent& queued : fEvents) {
         if (queued.Event.Origin == record) queued.Event.Origin = nullptr;
     }
+    if (fChangeDesk != nullptr) fChangeDesk->ForgetRecord(record);
     for (TKdsTableScope* scope = fScopes; scope != nullptr; scope = scope->fNext) {
         if (scope->fRecord == record) scope->fRecord = nullptr;
     }
@@ -379,10 +381,20 @@ void TKdsLoad::Leave() {
 void TKdsTable::CloseBracket(TFirstError& errors) noexcept {
     --fBracket;
     if (!fReferrers.empty() && fBracket == 0 && !fDelivers) FreshenReaders(errors);
-    if (fEvents.empty() && fDead.empty()) return;
+    if (fEvents.empty() && fDead.empty() && fChangeDesk == nullptr) return;
+    // What the handlers of events change makes change lists of its own.
+    if (fBracket == 0 && fChangeDesk != nullptr) fChangeDesk->Seal(errors);
     if (fBracket == 0 && !fDelivers) DeliverEvents(errors);
+    if (fChangeDesk != nullptr) fChangeDesk->Deliver(errors);
     if (MayBury()) BuryDead();
 }
+
+TKdsChangeDesk* TKdsTable::ChangeDesk() {
+    if (fChangeDesk == nullptr) fChangeDesk = std::make_unique<TKdsChangeDesk>(this);
+    return fChangeDesk.get();
+}
+
+bool TKdsTable::HoldsChanges() const noexcept { return fChangeDesk->HoldsRows(); }
 
 // Events of operations nested in a link's handler join the queue and arrive in order.
 void TKdsTable::DeliverEvents(TFirstError& errors) noexcept {

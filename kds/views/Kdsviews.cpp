@@ -4,6 +4,7 @@
 
 #include "kds/core/Kdserrors.h"
 #include "kds/platform/Clock.h"
+#include "kds/views/Kdschangefeeds.h"
 #include "kds/views/Kdscomparescope.h"
 #include "kds/views/Kdsviewlists.h"
 
@@ -43,6 +44,7 @@ void TKdsView::Teardown() noexcept {
             // The view is going; the handler's error has nowhere to go.
         }
     }
+    if (fChanges != nullptr) fChanges->ViewEnds();
     TKdsActiveItem::Teardown();
     fStorage->Clear();
 }

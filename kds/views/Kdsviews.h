@@ -35,6 +35,8 @@
 
 namespace kds {
 
+class TKdsChangeFeed;
+
 enum class TKdsViewOption : std::uint8_t { voUnique, voPrimary };
 using enum TKdsViewOption;
 using TKdsViewOptions = TSet<TKdsViewOption>;
@@ -282,7 +284,11 @@ public:
     [[nodiscard]] bool HasEqual(TKdsRecord* record);
     // Whether a post that changes none of the order's columns concerns the view all the same.
     [[nodiscard]] bool NeedsEveryPost() const noexcept {
-        return !fIsPlain || HasTests() || fOnCompare || !fLinks.empty() || (Unique() && !fDistinct);
+        return !fIsPlain || HasTests() || fOnCompare || (Unique() && !fDistinct);
+    }
+    // Whether links hear of each post.
+    [[nodiscard]] bool IsFollowed() const noexcept {
+        return !fLinks.empty() || fChanges != nullptr;
     }
     [[nodiscard]] bool SameKey(const std::byte* a, const std::byte* b) const;
     [[nodiscard]] const TKdsOrderPlan& Plan() const;
@@ -303,6 +309,9 @@ private:
     friend class TKdsTable;
     friend class TKdsViewList;
     friend class TKdsViewLink;
+    friend class TKdsChangeDesk;
+    friend class TKdsChangeFeed;
+    friend class TKdsChangeLink;
     friend class TKdsKeyChange;
     class TCompareScope;
     class TLinkWalk;
@@ -377,7 +386,8 @@ private:
     std::u16string fFilter;
     std::intptr_t fInfo = 0;
     std::vector<TKdsViewLink*> fLinks;
-    TLinkWalk* fLinkWalks = nullptr;  // that are under way, innermost first
+    TLinkWalk* fLinkWalks = nullptr;     // that are under way, innermost first
+    TKdsChangeFeed* fChanges = nullptr;  // while there are change links
     std::unique_ptr<TKdsViewStorage> fStorage;
     TKdsViewRecords* fRecords = nullptr;  // the storage's
     std::int32_t fAlwaysCount = 0;

@@ -2,6 +2,7 @@
 #include "kds/views/Kdsviews.h"
 
 #include "kds/core/Kdserrors.h"
+#include "kds/views/Kdschangefeeds.h"
 #include "kds/views/Kdsviewlists.h"
 
 namespace kds {
@@ -34,6 +35,7 @@ void TKdsView::GiveUp() noexcept {
     fDistinct = false;
     fLastRow = nullptr;
     if (fTable != nullptr) fTable->ViewsChanged();
+    if (fChanges != nullptr) fChanges->Rebuilt();
     fStorage->Clear();
 }
 
@@ -117,6 +119,7 @@ TKdsView::TPlace TKdsView::PlaceInserted(TKdsRecord* record) {
     place.New = appends ? count : PlaceForNew(record);
     place.Outcome = TOutcome::Member;
     fStorage->Insert(place.New, record);
+    if (fChanges != nullptr) fChanges->Inserted(place.New, record);
     fLastRow = place.New == count ? record : nullptr;
     PlacedUnchecked();
     return place;
@@ -132,28 +135,35 @@ void TKdsView::PlacedUnchecked() noexcept {
 TKdsView::TPlace TKdsView::PlaceUpdated(TKdsRecord* record) {
     TPlace place;
     const bool keeps = KeepsPlace();
-    if (keeps && !HasTests() && fLinks.empty() && fTable->Status() == mtsRegular) return place;
+    if (keeps && !HasTests() && fLinks.empty() && fChanges == nullptr &&
+        fTable->Status() == mtsRegular) {
+        return place;
+    }
     fLastRow = nullptr;
     place.Old = fStorage->Find(record);
     if (HasTests() && !Accept(record)) {
         if (place.Old >= 0) fStorage->Delete(place.Old);
+        if (place.Old >= 0 && fChanges != nullptr) fChanges->Removed(place.Old, record);
         place.Outcome = TOutcome::Removed;
         return place;
     }
     if (keeps && place.Old >= 0) {
         place.New = place.Old;
         place.Outcome = TOutcome::Unchanged;
+        if (fChanges != nullptr) fChanges->Posted(place.Old, place.New, record);
         return place;
     }
     place.New = SearchPlace(record);
     place.Outcome = TOutcome::Member;
     if (place.Old < 0) {
         fStorage->Insert(place.New, record);
+        if (fChanges != nullptr) fChanges->Inserted(place.New, record);
         return place;
     }
     // Taking the record out shifts everything behind it.
     if (place.Old < place.New) --place.New;
     if (place.Old != place.New) fStorage->Switch(place.Old, place.New);
+    if (fChanges != nullptr) fChanges->Posted(place.Old, place.New, record);
     PlacedUnchecked();
     return place;
 }
@@ -164,6 +174,7 @@ TKdsView::TPlace TKdsView::PlaceDeleted(TKdsRecord* record) {
     if (place.Old < 0) return place;
     fLastRow = nullptr;
     fStorage->Delete(place.Old);
+    if (fChanges != nullptr) fChanges->Removed(place.Old, record);
     place.Outcome = TOutcome::Removed;
     return place;
 }

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "kds/core/Kdsstores.h"
+#include "kds/views/Kdschangefeeds.h"
 #include "kds/views/Kdsviewlists.h"
 #include "kds/views/Kdsviews.h"
 
@@ -49,6 +50,7 @@ void TKdsView::FollowOthers() {
         std::vector<TSource> sources = Sources();
         if (PlaceReadersOf(sources)) {
             fSources = std::move(sources);
+            if (fChanges != nullptr) fChanges->Rebuilt();
             if (!fLinks.empty()) Notify(acStatusChanged, nullptr, 0);
             return;
         }
@@ -164,7 +166,7 @@ void TKdsTable::FreshenReaders(TFirstError& errors) noexcept {
         TKdsListCursor cursor(table->Views());
         while (TKdsItem* const item = cursor.NextKept()) {
             const auto* const view = static_cast<TKdsView*>(item);
-            if (view->ReadsOthers() && view->LinkCount() > 0) {
+            if (view->ReadsOthers() && view->IsFollowed()) {
                 errors.Run([&] { view->Freshen(); });
             }
         }

@@ -5,6 +5,7 @@
 
 #include "kds/core/Kdserrors.h"
 #include "kds/platform/Clock.h"
+#include "kds/views/Kdschangefeeds.h"
 #include "kds/views/Kdsviewlists.h"
 
 namespace kds {
@@ -54,6 +55,7 @@ void TKdsView::Prepare() {
     }
     fail.Dismiss();
     fReadsOthers = fTable->Columns()->Occurences().Has(coReference) && !fSources.empty();
+    if (fChanges != nullptr) fChanges->Rebuilt();
     fTable->ViewsChanged();
     const std::int64_t end = QueryPerformanceCounter();
     fStats.UpdateTime = Now();
@@ -68,6 +70,7 @@ void TKdsView::Prepare() {
 // is about to sort the same rows anew keeps them.
 void TKdsView::Dismiss() {
     fLastRow = nullptr;
+    if (fChanges != nullptr) fChanges->Rebuilt();
     const bool comesBack = fTable != nullptr && fTable->Views()->Active() && fActive;
     if (!fLocking.Has(vlFilters) || !comesBack) fStorage->Clear();
     fStorage->InvalidateCache();
