@@ -8,11 +8,6 @@
 namespace kds {
 namespace {
 
-// Values travel between the two columns as they are.
-bool AreCompatible(TKdsDataType a, TKdsDataType b) noexcept {
-    return a == b || (IsAnsiType(a) && IsAnsiType(b));
-}
-
 bool IsWholeKey(TKdsTable* table, const TKdsColumn* column) {
     const TOwned<TKdsOrderColumnList> key = TKdsOrderColumnList::Create();
     key->Parse(table, table->GetPrimaryKey());
@@ -28,7 +23,7 @@ void TKdsColumn::ForeignKey(std::u16string_view tableName, std::u16string_view c
     }
     TKdsTable* const master = own->Store()->Tables()->Tables(tableName);
     TKdsColumn* const field = master->Columns()->Columns(columnName);
-    if (!AreCompatible(fDataType, field->DataType())) {
+    if (!HaveSameForm(fDataType, field->DataType())) {
         KdsError(u"DataTypeMismatch", {own->Name(), Name(), master->Name(), field->Name()});
     }
     if (field == this) KdsParserError(u"CircularReference", {Name()});

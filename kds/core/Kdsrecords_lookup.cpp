@@ -28,6 +28,14 @@ void SaveKey(const TKdsColumn* column, const TKdsNormalLookup& key, std::byte* p
     }
 }
 
+// Not so once the host has changed the type of either: then nothing resolves.
+bool IsReadable(const TKdsColumn* column) noexcept {
+    const TKdsColumn* const source = column->SourceField();
+    const TKdsColumn* const field = column->MasterField();
+    return source != nullptr && field != nullptr &&
+           HaveSameForm(source->DataType(), field->DataType());
+}
+
 // What is equal in the order of the master's key is equal here, too.
 TKdsCompareOptions KeyRule(const TKdsColumn* column) {
     const TKdsView* const primary = column->MasterTable()->PrimaryView();
@@ -44,6 +52,7 @@ bool HoldsKey(TKdsRecord* row, const TKdsColumn* field, const void* data, std::i
     TKdsScratch scratch;
     TKdsValue value;
     if (!row->ReadValue(field, TKdsReading::Posted, scratch, value)) return false;
+    if (!IsTextType(value.Type) && value.Size != size) return false;
     if (value.Size == size && (size == 4 || size == 8) && !IsTextType(value.Type) &&
         value.Type != dtDouble && value.Type != dtCustomData) {
         return std::memcmp(value.Data, data, static_cast<std::size_t>(size)) == 0;
@@ -64,9 +73,14 @@ bool TKdsRecord::ResolveLookupKey(const TKdsColumn* column, const void* data, st
     const TKdsView* const primary = master->PrimaryView();
     if (rows->Count() > WorthSearching && primary != nullptr && primary->Actual() &&
         primary->Columns()->Count() > 0 && primary->Columns()->GetItem(0) == field) {
+        // A longer text than the master can hold is none of its keys.
+        const TKdsSlot& slot = master->Layout().Slot(field->Index());
+        const bool fits = slot.Kind == skMemo ||
+                          (IsTextType(slot.Type) ? size <= field->Length() : size == slot.Size);
+        if (!fits) return false;
         TOwned<TKdsRecord> locator = master->TakeLocator();
         TScopeGuard giveBack([&] { master->GiveLocator(std::move(locator)); });
-        locator->StorePlain(field, master->Layout().Slot(field->Index()), data, size);
+        locator->StorePlain(field, slot, data, size);
         std::int32_t index = -1;
         bool found = false;
         master->PrimaryView()->Search(locator.get(), nullptr, 1, {}, index, found);
@@ -106,7 +120,8 @@ void TKdsRecord::MarkAsUnresolved(const TKdsColumn* column, void* key) noexcept 
 TKdsNormalLookup TKdsRecord::KeyFor(const TKdsColumn* column, const void* data, std::int32_t size) {
     TKdsNormalLookup key;
     const TKdsTable* const master = column->MasterTable();
-    if (master == nullptr || column->Occurences().Has(coLazyLookup)) return key;
+    if (master == nullptr || !IsReadable(column)) return key;
+    if (column->Occurences().Has(coLazyLookup)) return key;
     if (column->Occurences().Has(coShortLookup) &&
         master->Records()->Count() > TKdsStaticLookup{}.Index) {
         KdsError(u"StaticLookupLong", {master->Name(), fTable->Name(), column->Name()});
@@ -124,7 +139,7 @@ TKdsRecord* TKdsRecord::MasterRow(const TKdsColumn* column, TKdsReading reading,
     TKdsScratch scratch;
     TKdsValue value;
     hasKey = ReadValue(source, reading, scratch, value);
-    if (!hasKey || column->MasterTable() == nullptr) return nullptr;
+    if (!hasKey || column->MasterTable() == nullptr || !IsReadable(column)) return nullptr;
     const TKdsSlot& slot = fTable->Layout().Slot(column->Index());
     const std::byte* const buffer = BufferFor(reading);
     TKdsNormalLookup key;
@@ -169,7 +184,7 @@ void TKdsRecord::RepairKey(const TKdsColumn* column) {
     }
     TKdsScratch scratch;
     TKdsValue value;
-    if (!ReadValue(source, TKdsReading::Posted, scratch, value)) return;
+    if (!IsReadable(column) || !ReadValue(source, TKdsReading::Posted, scratch, value)) return;
     std::byte* const place = fBuffer.Original + slot.Offset;
     TKdsNormalLookup key = LoadKey(column, place);
     if (IsValidReference(column, key, value.Data, value.Size)) return;
@@ -231,7 +246,7 @@ void TKdsRecord::StoreReferenceKey(const TKdsColumn* column, const TKdsSlot& slo
     TKdsValue value;
     const TKdsColumn* const source = column->SourceField();
     const bool hasKey =
-        source != nullptr && ReadValue(source, TKdsReading::Current, scratch, value);
+        IsReadable(column) && ReadValue(source, TKdsReading::Current, scratch, value);
     if (!hasKey || !IsValidReference(column, key, value.Data, value.Size)) key = {};
     std::byte* const buffer = WritableBuffer(slot);
     SaveKey(column, key, buffer + slot.Offset);

@@ -224,11 +224,13 @@ void TKdsTable::CountChange(const TNotification& notification) noexcept {
     post = NoRowID;
     if (notification.Action != acConfirmUpdate) return;
     const auto* const record = static_cast<TKdsRecord*>(notification.Sender);
-    // A quiet post changes no key of the table's own.
-    const bool keepsKeys =
-        fQuietPost == record || std::ranges::none_of(fReferrers, [&](const TKdsColumn* column) {
-            return column->MasterField() != nullptr && fChanged.Has(column->MasterField()->Index());
-        });
+    const bool keepsKeys = std::ranges::none_of(fReferrers, [&](const TKdsColumn* column) {
+        const TKdsColumn* const field = column->MasterField();
+        if (field == nullptr) return false;
+        if (fQuietPost != record) return fChanged.Has(field->Index());
+        // A quiet post changes nothing that a view is ordered by.
+        return fPrimaryView == nullptr || !fPrimaryView->Columns()->Contains(field);
+    });
     if (keepsKeys) post = record->RowID();
 }
 

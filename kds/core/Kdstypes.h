@@ -65,6 +65,10 @@ inline constexpr std::int32_t MaximumColumnLength = 65'535;
 [[nodiscard]] constexpr bool IsAnsiType(TKdsDataType type) noexcept {
     return type == dtChar || type == dtAnsiString || type == dtMemoString;
 }
+// Whether raw values of the two may be compared and copied as they are.
+[[nodiscard]] constexpr bool HaveSameForm(TKdsDataType a, TKdsDataType b) noexcept {
+    return a == b || (IsAnsiType(a) && IsAnsiType(b));
+}
 
 enum class TKdsVisibility : std::uint8_t { viNothing, viRegular, viSpecial };
 using enum TKdsVisibility;

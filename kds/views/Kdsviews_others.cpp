@@ -67,6 +67,8 @@ bool TKdsView::PostedMasters(const TSource& before, const TSource& now,
     if (before.Table != now.Table || before.IsDirect != now.IsDirect) return false;
     if (before.Changes == now.Changes) return true;
     if (now.Table == nullptr || !now.IsDirect) return false;
+    // A row posted here was placed among rows that showed it and stood wrong already.
+    if (now.Table == fTable) return false;
     if (now.Table->Records()->Order() == rloMixed) return false;
     for (std::uint64_t change = before.Changes + 1; change <= now.Changes; ++change) {
         const std::uint32_t rowID = now.Table->PostedBy(change);

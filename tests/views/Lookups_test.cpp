@@ -197,6 +197,42 @@ TEST_F(TLookupTest, MastersMayGoInAnyOrder) {
     EXPECT_EQ(view->Find({Null}), 0);
 }
 
+// Keys of another length or, after the host has changed a type, of another form.
+TEST_F(TLookupTest, KeysThatCannotBeTheMastersShowNothing) {
+    TKdsColumn* const name = AddName();
+    fZones->Columns()->Columns(u"Country")->SetLength(20);
+    AddCountries(12);
+    EXPECT_EQ(AddZone(1, u"AB and more")->Format(name), u"#wrong lookup");
+    EXPECT_EQ(AddZone(2, u"AB")->Format(name), u"NAB");
+    fCountries->Clear();
+    fCountries->SetPrimaryKey({});
+    fCountries->Columns()->Columns(u"Code")->SetDataType(dtInt64);
+    fCountries->Insert({1, u"One"});
+    EXPECT_EQ(fZones->Records()->Items(1)->Format(name), u"#wrong lookup");
+    EXPECT_EQ(AddZone(3, u"1")->Format(name), u"#wrong lookup");
+}
+
+// People and their bosses: a post moves the row itself and those that show it.
+TEST_F(TLookupTest, ATableMayLookIntoItself) {
+    TKdsTable* const people = fStore->Tables()->Add(u"People");
+    people->Columns()->Add(u"Id", dtInteger);
+    people->Columns()->Add(u"Name", dtAnsiString, 8);
+    people->Columns()->Add(u"Boss", dtInteger)->ForeignKey(u"People", u"Id");
+    people->SetPrimaryKey(u"Id");
+    people->Columns()->AddLookup(u"BossName", u"Boss", u"Name");
+    TKdsView* const view = people->Select(u"BossName,Name");
+    for (int i = 0; i < 40; ++i) people->Insert({i, Code(i * 7 % 40), i / 3});
+    for (int i = 0; i < 40; i += 3) {
+        TKdsRecord* const person = people->Records()->Items(i);
+        TKdsEdit edit(person);
+        person->SetDataN(u"Name", Code(i * 11 % 40));
+        person->SetDataN(u"Boss", (i + 5) % 40);
+        edit.Post();
+        EXPECT_EQ(view->Count(), 40);
+        EXPECT_TRUE(view->IsConsistent()) << i;
+    }
+}
+
 TEST_F(TLookupTest, AShortLookupRefusesAMasterThatHasGrownTooLarge) {
     const TKdsColumn* const name = AddName(lkShort);
     fCountries->SetPrimaryKey({});
