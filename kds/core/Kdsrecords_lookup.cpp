@@ -1,8 +1,9 @@
 // How a reference column finds its row in another table.
+#include "kds/core/Kdsrecords.h"
+
 #include <cstring>
 
 #include "kds/core/Kdserrors.h"
-#include "kds/core/Kdsrecords.h"
 #include "kds/core/Kdstables.h"
 #include "kds/util/Sortutils.h"
 #include "kds/views/Kdsviews.h"

@@ -1,8 +1,9 @@
 // A table's filters, and what follows when they change: the views are built anew, and the default
 // view is the primary one only while there are none.
+#include "kds/core/Kdstables.h"
+
 #include <algorithm>
 
-#include "kds/core/Kdstables.h"
 #include "kds/views/Kdsaccept.h"
 #include "kds/views/Kdsviewlists.h"
 

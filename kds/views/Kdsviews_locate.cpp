@@ -1,5 +1,6 @@
 // Finding rows of a view by values.
 #include "kds/views/Kdsviews.h"
+
 #include "kds/views/Kdscomparescope.h"
 
 namespace kds {

@@ -1,12 +1,13 @@
 // Views whose order shows columns of other tables: how they follow what changes there. No
 // notification crosses tables; each table counts its changes, and a view whose tables have counted
 // on places its rows anew when it is used next.
+#include "kds/views/Kdsviews.h"
+
 #include <algorithm>
 
 #include "kds/core/Kdsstores.h"
 #include "kds/views/Kdschangefeeds.h"
 #include "kds/views/Kdsviewlists.h"
-#include "kds/views/Kdsviews.h"
 
 namespace kds {
 
