@@ -34,6 +34,14 @@ public:
     [[nodiscard]] TKdsRecord* Items(std::int32_t index) const {
         return static_cast<TKdsRecord*>(TKdsList::Items(index));
     }
+    // Of a list that borrows, and so keeps its records in its own array: without a call; nullptr
+    // for a position out of range.
+    [[nodiscard]] TKdsRecord* KeptAt(std::int32_t index) const noexcept {
+        assert(!OwnsObjects());
+        // One comparison: a negative position becomes a huge one.
+        if (static_cast<std::uint32_t>(index) >= static_cast<std::uint32_t>(fCount)) return nullptr;
+        return static_cast<TKdsRecord*>(fItems[static_cast<std::size_t>(index)]);
+    }
     // Of a list that borrows: its records in another order, all of them.
     void Arrange(std::span<void* const> records) noexcept {
         assert(!OwnsObjects() && records.size() == static_cast<std::size_t>(Count()));

@@ -20,7 +20,7 @@ public:
     TKdsViewRecordList() : fItems(TKdsRecordList::Create()) {}
     [[nodiscard]] std::int32_t GetCount() const override { return fItems->Count(); }
     [[nodiscard]] TKdsRecord* GetItem(std::int32_t index) const override {
-        return index < 0 || index >= fItems->Count() ? nullptr : fItems->Items(index);
+        return fItems->KeptAt(index);
     }
     [[nodiscard]] TIntf<IKdsRecordEnumerator> GetEnumerator(
         TListEnumeratorDirection direction) override {
