@@ -209,7 +209,7 @@ void GetInserted(benchmark::State& state) {
 }
 void GetFromVector(benchmark::State& state) {
     RunLists(state, [](TLists& lists, std::int32_t position) {
-        void* const item = lists.Vector[static_cast<std::size_t>(position)];
+        void* item = lists.Vector[static_cast<std::size_t>(position)];
         benchmark::DoNotOptimize(item);
     });
 }

@@ -190,6 +190,12 @@ public:
     // Of a reference column: the key column beside it, and the master's column that it shows.
     [[nodiscard]] TKdsColumn* SourceField() const noexcept { return fSourceField; }
     [[nodiscard]] TKdsColumn* TargetField() const noexcept { return fTargetField; }
+    // Whether keys of the two tables have one form: not so once a type was changed, and then
+    // nothing is found.
+    [[nodiscard]] bool CanResolve() const noexcept {
+        return fSourceField != nullptr && fMasterField != nullptr &&
+               HaveSameForm(fSourceField->fDataType, fMasterField->fDataType);
+    }
     // Of a reference column: shows another column of the master; nullptr stands for the row itself.
     // CircularReference when that one looks back here.
     void SetTargetField(TKdsColumn* value);

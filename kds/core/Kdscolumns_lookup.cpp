@@ -93,9 +93,7 @@ TVariant TKdsColumn::LookupValue(const TVariant& value) const {
     }
     TOwned<TKdsRecord> key = fMasterTable->TakeLocator();
     TScopeGuard giveBack([&] { fMasterTable->GiveLocator(std::move(key)); });
-    key->EnterForced();
-    key->SetDataC(fMasterField, value);
-    key->LeaveForced();
+    key->StoreVariant(fMasterField, value);
     TKdsScratch scratch;
     TKdsValue raw;
     TKdsNormalLookup found;

@@ -270,6 +270,7 @@ public:
     using TKdsItem::Notify;
 
 private:
+    friend class TKdsColumn;
     friend class TKdsTable;
     friend class TKdsTableRecordList;
     friend class TKdsStateScope;

@@ -29,14 +29,6 @@ void SaveKey(const TKdsColumn* column, const TKdsNormalLookup& key, std::byte* p
     }
 }
 
-// Not so once the host has changed the type of either: then nothing resolves.
-bool IsReadable(const TKdsColumn* column) noexcept {
-    const TKdsColumn* const source = column->SourceField();
-    const TKdsColumn* const field = column->MasterField();
-    return source != nullptr && field != nullptr &&
-           HaveSameForm(source->DataType(), field->DataType());
-}
-
 // What is equal in the order of the master's key is equal here, too.
 TKdsCompareOptions KeyRule(const TKdsColumn* column) {
     const TKdsView* const primary = column->MasterTable()->PrimaryView();
@@ -69,7 +61,7 @@ bool TKdsRecord::ResolveLookupKey(const TKdsColumn* column, const void* data, st
                                   TKdsNormalLookup& key) {
     TKdsTable* const master = column->MasterTable();
     const TKdsColumn* const field = column->MasterField();
-    if (master == nullptr || field == nullptr) return false;
+    if (master == nullptr || field == nullptr || data == nullptr || size < 0) return false;
     TKdsTableRecordList* const rows = master->Records();
     const TKdsView* const primary = master->PrimaryView();
     if (rows->Count() > WorthSearching && primary != nullptr && primary->Actual() &&
@@ -106,6 +98,7 @@ bool TKdsRecord::IsValidReference(const TKdsColumn* column, TKdsNormalLookup& ke
                                   std::int32_t size) {
     TKdsTable* const master = column->MasterTable();
     if (master == nullptr || column->MasterField() == nullptr) return false;
+    if (data == nullptr || size < 0) return false;
     if (key.Index < 0 || key.Index >= master->Records()->Count()) return false;
     TKdsRecord* const row = master->Records()->ItemAt(key.Index);
     if (!HoldsKey(row, column->MasterField(), data, size, KeyRule(column))) return false;
@@ -121,7 +114,7 @@ void TKdsRecord::MarkAsUnresolved(const TKdsColumn* column, void* key) noexcept 
 TKdsNormalLookup TKdsRecord::KeyFor(const TKdsColumn* column, const void* data, std::int32_t size) {
     TKdsNormalLookup key;
     const TKdsTable* const master = column->MasterTable();
-    if (master == nullptr || !IsReadable(column)) return key;
+    if (master == nullptr || !column->CanResolve()) return key;
     if (column->Occurences().Has(coLazyLookup)) return key;
     if (column->Occurences().Has(coShortLookup) &&
         master->Records()->Count() > TKdsStaticLookup{}.Index) {
@@ -140,7 +133,7 @@ TKdsRecord* TKdsRecord::MasterRow(const TKdsColumn* column, TKdsReading reading,
     TKdsScratch scratch;
     TKdsValue value;
     hasKey = ReadValue(source, reading, scratch, value);
-    if (!hasKey || column->MasterTable() == nullptr || !IsReadable(column)) return nullptr;
+    if (!hasKey || column->MasterTable() == nullptr || !column->CanResolve()) return nullptr;
     const TKdsSlot& slot = fTable->Layout().Slot(column->Index());
     const std::byte* const buffer = BufferFor(reading);
     TKdsNormalLookup key;
@@ -185,7 +178,7 @@ void TKdsRecord::RepairKey(const TKdsColumn* column) {
     }
     TKdsScratch scratch;
     TKdsValue value;
-    if (!IsReadable(column) || !ReadValue(source, TKdsReading::Posted, scratch, value)) return;
+    if (!column->CanResolve() || !ReadValue(source, TKdsReading::Posted, scratch, value)) return;
     std::byte* const place = fBuffer.Original + slot.Offset;
     TKdsNormalLookup key = LoadKey(column, place);
     if (IsValidReference(column, key, value.Data, value.Size)) return;
@@ -207,6 +200,9 @@ void TKdsRecord::StoreKey(const TKdsColumn* column, const void* data, std::int32
     };
     std::vector<TFollower> followers;
     const TKdsLayout& layout = fTable->Layout();
+    if (data == nullptr && size == 0) data = "";
+    // What is no value at all is refused before anybody reads it.
+    if (data == nullptr || size < 0) StorePlain(column, layout.Slot(column->Index()), data, size);
     for (const TKdsColumn* const other : *fTable->Columns()) {
         if (other->SourceField() != column) continue;
         followers.push_back({&layout.Slot(other->Index()), other, KeyFor(other, data, size)});
@@ -247,7 +243,7 @@ void TKdsRecord::StoreReferenceKey(const TKdsColumn* column, const TKdsSlot& slo
     TKdsValue value;
     const TKdsColumn* const source = column->SourceField();
     const bool hasKey =
-        IsReadable(column) && ReadValue(source, TKdsReading::Current, scratch, value);
+        column->CanResolve() && ReadValue(source, TKdsReading::Current, scratch, value);
     if (!hasKey || !IsValidReference(column, key, value.Data, value.Size)) key = {};
     std::byte* const buffer = WritableBuffer(slot);
     SaveKey(column, key, buffer + slot.Offset);

@@ -44,6 +44,12 @@ void TKdsTable::Teardown() noexcept {
         NotifySextons();
     } catch (...) {
     }
+    // Nobody looks into a table whose rows are going.
+    while (!fReferrers.empty()) {
+        TKdsColumn* const column = fReferrers.back();
+        fReferrers.pop_back();
+        column->ForgetMaster();
+    }
     // The views go before the rows: they need not follow each one out.
     if (fViews != nullptr) {
         try {
@@ -69,11 +75,6 @@ void TKdsTable::Teardown() noexcept {
     BuryDead();
     ReleaseDetached();
     ForgetScopes();
-    while (!fReferrers.empty()) {
-        TKdsColumn* const column = fReferrers.back();
-        fReferrers.pop_back();
-        column->ForgetMaster();
-    }
     fColumns.reset();
     GiveBack(std::exchange(fSpareBuffer, nullptr));
     if (fSlab != nullptr) std::exchange(fSlab, nullptr)->Abandon();
@@ -218,11 +219,9 @@ void TKdsTable::Notify(TNotification* notification) {
 }
 
 void TKdsTable::CountChange(const TNotification& notification) noexcept {
-    ++fChangeCount;
-    if (fReferrers.empty()) return;
-    std::uint32_t& post = fPosts[fChangeCount % fPosts.size()];
+    std::uint32_t& post = fPosts[++fChangeCount % fPosts.size()];
     post = NoRowID;
-    if (notification.Action != acConfirmUpdate) return;
+    if (fReferrers.empty() || notification.Action != acConfirmUpdate) return;
     const auto* const record = static_cast<TKdsRecord*>(notification.Sender);
     const bool keepsKeys = std::ranges::none_of(fReferrers, [&](const TKdsColumn* column) {
         const TKdsColumn* const field = column->MasterField();

@@ -183,7 +183,7 @@ public:
     void RemoveFilter(const TIntf<IKdsAccept>& filter);
     [[nodiscard]] bool HasFilters() const noexcept { return !fFilters.empty(); }
     // Whether no filter rejects the row; the first one that does ends it.
-    [[nodiscard]] bool ApplyFilters(TKdsView* view, TKdsRecord* record) const;
+    [[nodiscard]] bool ApplyFilters(TKdsView* view, TKdsRecord* record);
 
     // ---- Observers ----
     void AppendDeacon(TIntf<IKdsSexton> observer);

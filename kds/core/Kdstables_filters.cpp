@@ -9,8 +9,8 @@
 
 namespace kds {
 
-bool TKdsTable::ApplyFilters(TKdsView* view, TKdsRecord* record) const {
-    TKdsBusyScope busy(const_cast<TKdsTable*>(this));  // so that the filters stay, too
+bool TKdsTable::ApplyFilters(TKdsView* view, TKdsRecord* record) {
+    TKdsBusyScope busy(this);  // so that the filters stay, too
     return std::ranges::all_of(
         fFilters, [&](const TIntf<IKdsAccept>& filter) { return filter->Accept(view, record); });
 }

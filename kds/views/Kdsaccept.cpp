@@ -10,6 +10,7 @@ public:
         return fFilter == nullptr || fFilter->Accept(view, record);
     }
     void Leave() noexcept { fFilter = nullptr; }
+    [[nodiscard]] bool Lives() const noexcept { return fFilter != nullptr; }
 
 private:
     TKdsAccept* fFilter;
@@ -69,13 +70,17 @@ void TKdsAccept::SetTable(TKdsTable* value) {
     });
 }
 
-// A view that cannot be built does not keep the change from being made.
+// A view that cannot be built does not keep the change from being made. Links hear of the views
+// that are built, and may end this filter.
 template <typename F>
 void TKdsAccept::Change(F&& store) {
     TFirstError errors;
-    if (fEnabled && fTable != nullptr) errors.Run([&] { fTable->RemoveFilter(fEntry); });
-    store();
-    if (fEnabled && fTable != nullptr) errors.Run([&] { fTable->AppendFilter(fEntry); });
+    const TIntf<TEntry> entry = fEntry;
+    if (fEnabled && fTable != nullptr) errors.Run([&] { fTable->RemoveFilter(entry); });
+    if (entry->Lives()) {
+        store();
+        if (fEnabled && fTable != nullptr) errors.Run([&] { fTable->AppendFilter(entry); });
+    }
     errors.Rethrow();
 }
 

@@ -27,6 +27,10 @@ TCardinalHash& TKdsNodeMap::RoomFor(std::uint32_t rowID) {
 
 void TKdsNodeMap::Put(std::uint32_t rowID, PCartesianNode node) { RoomFor(rowID).Put(rowID, node); }
 
+void TKdsNodeMap::Replace(std::uint32_t rowID, PCartesianNode node) noexcept {
+    HashOf(rowID)->Put(rowID, node);
+}
+
 void TKdsNodeMap::Reserve(std::uint32_t rowID) { RoomFor(rowID).Reserve(rowID); }
 
 void TKdsNodeMap::Remove(std::uint32_t rowID) noexcept {
@@ -112,16 +116,22 @@ std::int32_t TKdsViewStorageTree::Find(TKdsRecord* record) {
     });
 }
 
-// By merging; every row then belongs behind the one before it, where the tree takes it at once.
+// The tree keeps its shape; its nodes get the rows in their new order, which cannot fail.
 void TKdsViewStorageTree::Sort(TKdsCompareOptions, bool force) {
     if (!force && !fUnsorted) return;
-    TCartesianTree& items = fRecords.fItems;
+    const TCartesianTree& items = fRecords.fItems;
     std::vector<void*> records;
     records.reserve(static_cast<std::size_t>(items.GetCount()));
     for (const PCartesianNode node : items) records.push_back(node->Value);
     SortRecords(records, {coUseRowID});
-    Clear();
-    for (void* const item : records) Insert(items.GetCount(), RecordOf(item));
+    fRecords.EndEnumerators();
+    auto next = records.begin();
+    for (const PCartesianNode node : items) {
+        node->Value = *next++;
+        fNodes.Replace(RecordOf(node->Value)->RowID(), node);
+    }
+    fUnsorted = false;
+    InvalidateCache();
 }
 
 void TKdsViewStorageTree::Prepared() { fUnsorted = false; }

@@ -39,6 +39,8 @@ public:
     // `capacity` rows are expected.
     explicit TKdsNodeMap(std::int32_t capacity) noexcept : fCapacity(capacity) {}
     void Put(std::uint32_t rowID, PCartesianNode node);
+    // Of a row that is there: needs no memory.
+    void Replace(std::uint32_t rowID, PCartesianNode node) noexcept;
     void Remove(std::uint32_t rowID) noexcept;
     [[nodiscard]] PCartesianNode Get(std::uint32_t rowID) const noexcept;
     void Clear() noexcept;

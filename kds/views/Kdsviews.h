@@ -366,7 +366,6 @@ private:
         TKdsTable* Table;
         std::uint64_t Changes;
         bool IsDirect;  // what is shown lies in this very table
-        friend bool operator==(const TSource&, const TSource&) = default;
     };
     [[nodiscard]] std::vector<TSource> Sources() const;
     [[nodiscard]] bool IsFresh() const noexcept;

@@ -84,6 +84,7 @@ bool TKdsView::PostedMasters(const TSource& before, const TSource& now,
 // Only the rows that show what was posted, when they are few; false: all of them.
 bool TKdsView::PlaceReadersOf(const std::vector<TSource>& sources) {
     if (sources.size() != fSources.size()) return false;
+    if (Unique()) return false;  // what is shown may be the same from now on
     std::vector<TKdsRecord*> masters;
     for (std::size_t i = 0; i < sources.size(); ++i) {
         if (!PostedMasters(fSources[i], sources[i], masters)) return false;
@@ -111,7 +112,7 @@ void TKdsView::CollectReaders(const TKdsColumn* column, TKdsRecord* master,
     const TKdsColumn* const source = column->SourceField();
     TKdsScratch masterScratch;
     TKdsValue key;
-    if (source == nullptr ||
+    if (!column->CanResolve() ||
         !master->ReadValue(column->MasterField(), TKdsReading::Posted, masterScratch, key)) {
         return;
     }

@@ -115,6 +115,29 @@ TEST_F(TAcceptTest, OutcomesOfWhatFiltersMustNotDo) {
     EXPECT_EQ(view->Count(), fTable->Records()->Count());
 }
 
+// A link that hears of the views that are built anew may end the filter that was changed.
+TEST_F(TAcceptTest, AFilterMayEndWhileItIsSwitched) {
+    TKdsView* const view = fTable->Select(u"Name");
+    auto filter = std::make_unique<TKdsAccept>(fTable, Even());
+    const auto end = [&](TKdsView*, TKdsEvent* event) {
+        if (event->Reason == evStatusChange) filter.reset();
+    };
+    TKdsViewHandler link(TKdsViewEvent::BindCall(&end));
+    link.SetView(view);
+    TKdsAccept* const ending = filter.get();
+    ending->SetEnabled(false);
+    EXPECT_EQ(filter, nullptr);
+    EXPECT_FALSE(fTable->HasFilters());
+    EXPECT_EQ(view->Count(), 8);
+    filter = std::make_unique<TKdsAccept>();
+    filter->SetOnAccept(Even());
+    filter->SetTable(fTable);
+    filter.get()->SetEnabled(true);  // ended while it enters
+    EXPECT_EQ(filter, nullptr);
+    EXPECT_FALSE(fTable->HasFilters());
+    EXPECT_STREQ(fTable->Inconsistency(), nullptr);
+}
+
 TEST_F(TAcceptTest, LocatesBySearchOrRowByRow) {
     TKdsView* const view = fTable->Select(u"Name nocase desc,Qty");
     const auto idAt = [&](std::int32_t row) { return VarToInt64(view->Items(row)->GetDataI(0)); };

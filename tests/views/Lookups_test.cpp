@@ -204,12 +204,81 @@ TEST_F(TLookupTest, KeysThatCannotBeTheMastersShowNothing) {
     AddCountries(12);
     EXPECT_EQ(AddZone(1, u"AB and more")->Format(name), u"#wrong lookup");
     EXPECT_EQ(AddZone(2, u"AB")->Format(name), u"NAB");
+    TKdsView* const view = fZones->Select(u"Name");
     fCountries->Clear();
     fCountries->SetPrimaryKey({});
     fCountries->Columns()->Columns(u"Code")->SetDataType(dtInt64);
-    fCountries->Insert({1, u"One"});
+    TKdsRecord* const one = fCountries->Insert({1, u"One"});
+    EXPECT_EQ(view->Count(), 2);
+    TKdsEdit edit(one);
+    one->SetDataN(u"Name", u"Uno");
+    edit.Post();
+    EXPECT_EQ(view->Count(), 2);  // places the rows that show it: there are none
     EXPECT_EQ(fZones->Records()->Items(1)->Format(name), u"#wrong lookup");
     EXPECT_EQ(AddZone(3, u"1")->Format(name), u"#wrong lookup");
+}
+
+TEST_F(TLookupTest, WhatIsNoValueIsRefusedBeforeItIsRead) {
+    fZones->SetOptions({mtoStripNulls});
+    TKdsColumn* const name = AddName();
+    TKdsColumn* const country = fZones->Columns()->Columns(u"Country");
+    AddCountries(12);
+    TKdsRecord* const zone = AddZone(1, Null);
+    TKdsLoad load(fZones, mtsMassive);  // writes go to the posted values, which are cut short
+    EXPECT_EQ(RefusalOf([&] { zone->SetDataP(country, nullptr, 2); }), "A value needs its data");
+    EXPECT_EQ(RefusalOf([&] { zone->SetDataP(country, "AB", -1); }),
+              "Datatype buffer length mismatch Zones.Country");
+    EXPECT_TRUE(zone->GetIsNullC(country));
+    zone->SetDataP(country, nullptr, 0);  // the empty text
+    EXPECT_EQ(zone->Format(name), u"#wrong lookup");
+    TKdsNormalLookup key{0, 0};
+    EXPECT_FALSE(zone->ResolveLookupKey(name, nullptr, 2, key));
+    EXPECT_FALSE(zone->IsValidReference(name, key, "AA", -1));
+    // A value that does not convert leaves nothing behind in the record that searches borrow.
+    EXPECT_THROW((void)name->LookupValue(u"far too long a code"), EKdsError);
+    EXPECT_EQ(VarToStr(name->LookupValue(u"AC")), u"NAC");
+    EXPECT_EQ(fCountries->PrimaryView()->Find({u"AC"}), 2);
+}
+
+// The master has gone by the time that its rows go: whoever is told of them finds nothing there.
+TEST_F(TLookupTest, NobodyLooksIntoATableThatEnds) {
+    const TKdsColumn* const name = AddName();
+    AddCountries(2);
+    TKdsRecord* const zone = AddZone(1, u"AA");  // the row that goes last
+    class TWatch final : public IKdsSexton {
+    public:
+        TWatch(TKdsRecord* record, const TKdsColumn* column) : fRecord(record), fColumn(column) {}
+        void RecordDeleted(TKdsTable*, TKdsRecord*) override {
+            ++Heard;
+            EXPECT_TRUE(fRecord->GetIsNullC(fColumn));
+        }
+        void TableDestroyed(TKdsTable*) override {}
+        int Heard = 0;
+
+    private:
+        TKdsRecord* fRecord;
+        const TKdsColumn* fColumn;
+    };
+    const TIntf<TWatch> watch = MakeIntf<TWatch>(zone, name);
+    fCountries->AppendDeacon(watch);
+    fStore->Tables()->Remove(fCountries);
+    EXPECT_EQ(watch->Heard, 2);
+}
+
+// A unique view over what is shown notices at the next use that two rows show the same.
+TEST_F(TLookupTest, AUniqueViewIsBuiltAnewWhenAMasterChanges) {
+    AddName();
+    AddCountries(12);
+    AddZone(1, u"AB");
+    AddZone(2, u"AC");
+    TKdsView* const view = fZones->Views()->MakeIndex(u"Name", {voUnique});
+    view->SetActive(true);
+    TKdsRecord* const country = fCountries->Records()->Items(1);
+    TKdsEdit edit(country);
+    country->SetDataN(u"Name", u"NAC");
+    edit.Post();
+    EXPECT_EQ(RefusalOf([&] { (void)view->Count(); }),
+              "Duplicate rows for \"" + ToUtf8(view->Name()) + "\"");
 }
 
 // People and their bosses: a post moves the row itself and those that show it.
