@@ -42,6 +42,11 @@ public:
         if (static_cast<std::uint32_t>(index) >= static_cast<std::uint32_t>(fCount)) return nullptr;
         return static_cast<TKdsRecord*>(fItems[static_cast<std::size_t>(index)]);
     }
+    // Of a list that borrows: all its records, where they are kept until the list next changes.
+    [[nodiscard]] std::span<TKdsItem* const> Kept() const noexcept {
+        assert(!OwnsObjects());
+        return std::span(fItems).first(static_cast<std::size_t>(fCount));
+    }
     // Of a list that borrows: its records in another order, all of them.
     void Arrange(std::span<void* const> records) noexcept {
         assert(!OwnsObjects() && records.size() == static_cast<std::size_t>(Count()));

@@ -18,6 +18,7 @@ TKdsRecordIndices::iterator TKdsViewStorageList::EntryOf(std::uint32_t rowID) {
 void TKdsViewStorageList::Clear() {
     fRecords.EndEnumerators();
     fRecords.fItems->Clear();
+    fRecords.Show();
     fIndices = {};
     InvalidateCache();
 }
@@ -28,6 +29,7 @@ void TKdsViewStorageList::Insert(std::int32_t index, TKdsRecord* record) {
     InvalidateCache();
     if (!KeepsIndices()) {
         fRecords.fItems->Insert(index, record);
+        fRecords.Show();
         return;
     }
     if (fIndices.size() == fIndices.capacity()) {
@@ -35,6 +37,7 @@ void TKdsViewStorageList::Insert(std::int32_t index, TKdsRecord* record) {
         fIndices.reserve(static_cast<std::size_t>(GrownCapacity(capacity)));
     }
     fRecords.fItems->Insert(index, record);
+    fRecords.Show();
     if (index < fRecords.GetCount() - 1) {
         for (TKdsRecordIndex& entry : fIndices) entry.RecNo += entry.RecNo >= index ? 1 : 0;
     }
@@ -44,6 +47,7 @@ void TKdsViewStorageList::Insert(std::int32_t index, TKdsRecord* record) {
 void TKdsViewStorageList::Delete(std::int32_t index) {
     const TKdsRecord* const record = fRecords.GetItem(index);
     fRecords.fItems->Delete(index);
+    fRecords.Show();
     InvalidateCache();
     if (!KeepsIndices()) return;
     fIndices.erase(EntryOf(record->RowID()));

@@ -26,6 +26,7 @@ public:
         TListEnumeratorDirection direction) override {
         return GetIndexedEnumerator(direction);
     }
+    void Show() noexcept { ShowArray(fItems->Kept()); }
     TOwned<TKdsRecordList> fItems;
 };
 

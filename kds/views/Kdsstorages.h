@@ -15,6 +15,7 @@
 #pragma once
 
 #include <memory>
+#include <span>
 #include <vector>
 
 #include "kds/containers/Listenumerator.h"
@@ -51,6 +52,12 @@ public:
     [[nodiscard]] virtual std::int32_t GetCount() const = 0;
     // nullptr for a position out of range.
     [[nodiscard]] virtual TKdsRecord* GetItem(std::int32_t index) const = 0;
+    // The same, without a call where the rows lie in one array.
+    [[nodiscard]] TKdsRecord* At(std::int32_t index) const {
+        // One comparison: a negative position becomes a huge one.
+        const auto place = static_cast<std::size_t>(static_cast<std::uint32_t>(index));
+        return place < fArray.size() ? static_cast<TKdsRecord*>(fArray[place]) : GetItem(index);
+    }
     [[nodiscard]] virtual TIntf<IKdsRecordEnumerator> GetEnumerator(
         TListEnumeratorDirection direction) = 0;
     // Of those that GetIndexedEnumerator made.
@@ -60,9 +67,12 @@ protected:
     // Walks by position, clamped to the rows that there are.
     [[nodiscard]] TIntf<IKdsRecordEnumerator> GetIndexedEnumerator(
         TListEnumeratorDirection direction);
+    // For a storage that keeps its rows in one array: after each change of their number or place.
+    void ShowArray(std::span<TKdsItem* const> rows) noexcept { fArray = rows; }
 
 private:
     friend class TKdsIndexedEnumerator;
+    std::span<TKdsItem* const> fArray;
     class TKdsIndexedEnumerator* fEnumerators = nullptr;
 };
 

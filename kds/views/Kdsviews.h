@@ -298,7 +298,7 @@ public:
     [[nodiscard]] std::int32_t CompareCount() const noexcept { return fCompareColumnCount; }
     [[nodiscard]] TKdsViewStorage* Storage() const noexcept { return fStorage.get(); }
     [[nodiscard]] bool Rebuilds() const noexcept { return fRebuilds; }
-    [[nodiscard]] TKdsRecord* ItemAt(std::int32_t index) const { return fRecords->GetItem(index); }
+    [[nodiscard]] TKdsRecord* ItemAt(std::int32_t index) const { return fRecords->At(index); }
 
 protected:
     TKdsView(TKdsTable* table, std::u16string_view name);
