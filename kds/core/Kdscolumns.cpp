@@ -35,7 +35,8 @@ TKdsTable* TKdsColumn::Table() const noexcept {
 
 std::int32_t TKdsColumn::ActualSize() const noexcept {
     if (IsComputed()) return 0;
-    if (!fIsReference) return fDataSize;
+    if (!LooksUp()) return fDataSize;
+    if (!fIsReference && fIsLookupKey) return 0;  // the key is in the reference beside it
     return static_cast<std::int32_t>(fLookupKind == lkShort ? sizeof(TKdsStaticLookup)
                                                             : sizeof(TKdsNormalLookup));
 }
@@ -68,7 +69,7 @@ void TKdsColumn::UpdateOccurences() noexcept {
     fOccurences.Set(coReference, fIsReference);
     fOccurences.Set(coForeignKey, fMasterTable != nullptr && !fIsReference);
     fOccurences.Set(coLookupKey, fIsLookupKey);
-    fOccurences.Set(coShortLookup, fIsReference && fLookupKind == lkShort);
+    fOccurences.Set(coShortLookup, LooksUp() && fLookupKind == lkShort);
 }
 
 // ---- Setters ------------------------------------------------------------------------------
@@ -94,10 +95,7 @@ void TKdsColumn::SetIndex(std::int32_t value) {
 
 void TKdsColumn::SetAttributes(TKdsAttributes value) {
     if (value == fAttributes) return;
-    if (value.Has(caVirtualKey)) KdsNotAvailable(u"A virtual key");
-    if (fIsReference && value.Has(caCalculated)) {
-        throw EInvalidArgument(u"A reference column cannot be calculated");
-    }
+    CheckAttributes(value, fLookupKind);
     constexpr TKdsAttributes shaping{caCalculated, caDelayedCalc, caVirtualKey, caDontStore};
     const bool layout = (value & shaping) != (fAttributes & shaping);
     Change(layout, [&] { fAttributes = value; });
@@ -132,8 +130,6 @@ void TKdsColumn::SetDelayedCalc(bool value) {
     if (value) attributes.Include(caCalculated);
     SetAttributes(attributes);
 }
-
-void TKdsColumn::SetVirtualKey(bool value) { SetAttribute(caVirtualKey, value); }
 
 void TKdsColumn::SetDecimals(std::int32_t value) {
     if (value == fDecimals) return;
@@ -351,7 +347,7 @@ void TKdsTableColumnList::Relayout() {
         TKdsSlotKind kind = skPlain;
         if (column->IsComputed()) {
             kind = skComputed;
-        } else if (column->GetIsReference()) {
+        } else if (column->LooksUp()) {
             kind = skLookup;
         } else if (column->DataType() == dtMemoString) {
             kind = skMemo;
@@ -359,7 +355,7 @@ void TKdsTableColumnList::Relayout() {
             kind = skCustom;
         }
         fLayout.Add(column->DataType(), kind, column->ActualSize(), column->IsDelayed());
-        if (column->GetIsLookupKey()) fLayout.SetResolves(index);
+        if (column->GetIsLookupKey() || column->GetIsVirtualKey()) fLayout.SetResolves(index);
         const TKdsSlot& slot = fLayout.Slot(index);
         column->fIndex = index++;
         if (column->fIndexOrig < 0) column->fIndexOrig = column->fIndex;

@@ -133,7 +133,12 @@ public:
     void SetDelayedCalc(bool value);
     [[nodiscard]] bool CaseSensitive() const noexcept { return !fAttributes.Has(caCaseless); }
     void SetCaseSensitive(bool value) { SetAttribute(caCaseless, !value); }
-    void SetVirtualKey(bool value);
+    // A virtual key keeps no value but the key of the master row that holds it, or not even that
+    // when a reference column beside it does: 8 bytes a row, 2 with a short one, or none. A value
+    // that no master row holds is not kept. EInvalidArgument for a column that is calculated or a
+    // reference, and for a short key into a master without mtoStaticData, whose rows might move
+    // away under it; CircularReference when the master's column looks back here.
+    void SetVirtualKey(bool value, TKdsLookupKind kind = lkNormal);
     // A reference column finds its master row on the first read instead of on the write.
     void SetLazyLookup(bool value) { SetAttribute(caLazyLookup, value && !GetIsVirtualKey()); }
 
@@ -190,11 +195,33 @@ public:
     // Of a reference column: the key column beside it, and the master's column that it shows.
     [[nodiscard]] TKdsColumn* SourceField() const noexcept { return fSourceField; }
     [[nodiscard]] TKdsColumn* TargetField() const noexcept { return fTargetField; }
+    // Reads its values from rows of another table.
+    [[nodiscard]] bool LooksUp() const noexcept {
+        return fOccurences.HasAny({coReference, coVirtualKey});
+    }
+    // What such a column shows of a master row.
+    [[nodiscard]] TKdsColumn* Shown() const noexcept {
+        return fTargetField != nullptr ? fTargetField : fMasterField;
+    }
+    // A virtual key, or a reference beside one: no value tells which master row is meant, only the
+    // key itself does.
+    [[nodiscard]] bool IsVirtual() const noexcept {
+        return (fSourceField != nullptr ? fSourceField : this)->GetIsVirtualKey();
+    }
+    // Resolves on the first read. What has no value to resolve cannot.
+    [[nodiscard]] bool IsLazy() const noexcept {
+        return fOccurences.Has(coLazyLookup) && !IsVirtual();
+    }
+    // Of such a column: the one whose slot has the key.
+    [[nodiscard]] const TKdsColumn* KeyHolder() const noexcept {
+        return fFirstFollower != nullptr ? fFirstFollower : this;
+    }
     // Whether keys of the two tables have one form: not so once a type was changed, and then
     // nothing is found.
     [[nodiscard]] bool CanResolve() const noexcept {
-        return fSourceField != nullptr && fMasterField != nullptr &&
-               HaveSameForm(fSourceField->fDataType, fMasterField->fDataType);
+        const TKdsColumn* const source = fSourceField != nullptr ? fSourceField : this;
+        return fMasterField != nullptr && (!fIsReference || fSourceField != nullptr) &&
+               HaveSameForm(source->fDataType, fMasterField->fDataType);
     }
     // Of a reference column: shows another column of the master; nullptr stands for the row itself.
     // CircularReference when that one looks back here.
@@ -231,6 +258,9 @@ private:
     void UpdateDataSize() noexcept;
     void UpdateOccurences() noexcept;
     void TakeShapeOf(const TKdsColumn* shown);
+    void CheckAttributes(TKdsAttributes value, TKdsLookupKind kind);
+    void CheckVirtual(TKdsTable* master, TKdsColumn* field, TKdsLookupKind kind);
+    void CheckCircle(const TKdsColumn* shown) const;
     void ForgetMaster() noexcept;
     void ForgetMasterColumn(const TKdsColumn* column) noexcept;
     static void CheckLength(std::u16string_view name, std::int32_t length);
@@ -264,7 +294,9 @@ private:
     TKdsColumn* fSourceField = nullptr;
     TKdsColumn* fTargetField = nullptr;
     bool fIsReference = false;
-    bool fIsLookupKey = false;  // reference columns follow its values
+    bool fIsLookupKey = false;             // reference columns follow its values:
+    TKdsColumn* fFirstFollower = nullptr;  // they are linked one to the next
+    TKdsColumn* fNextFollower = nullptr;
     TKdsLookupKind fLookupKind = lkNormal;
 };
 
@@ -331,6 +363,10 @@ public:
     void Handle(TNotification* notification) override;
     [[nodiscard]] const TKdsLayout& Layout() const noexcept { return fLayout; }
     [[nodiscard]] TKdsOccurences Occurences() const noexcept { return fOccurences; }
+    // Some column reads another table.
+    [[nodiscard]] bool LooksUp() const noexcept {
+        return fOccurences.HasAny({coReference, coVirtualKey});
+    }
     [[nodiscard]] std::int32_t RecordSize() const noexcept { return fLayout.RecordSize(); }
     [[nodiscard]] std::int32_t NullOffset() const noexcept { return fLayout.NullOffset(); }
     [[nodiscard]] std::int32_t NullBytes() const noexcept { return fLayout.NullBytes(); }

@@ -27,6 +27,7 @@ void TKdsColumn::ForeignKey(std::u16string_view tableName, std::u16string_view c
         KdsError(u"DataTypeMismatch", {own->Name(), Name(), master->Name(), field->Name()});
     }
     if (field == this) KdsParserError(u"CircularReference", {Name()});
+    if (GetIsVirtualKey()) CheckVirtual(master, field, fLookupKind);
     if (fMasterTable == master && fMasterField == field && !fIsReference) return;
     if (fMasterTable != nullptr) KdsError(u"ColumnForeignKey", {Name(), fMasterTable->Name()});
     master->ReserveReferrer();
@@ -35,6 +36,49 @@ void TKdsColumn::ForeignKey(std::u16string_view tableName, std::u16string_view c
         fMasterField = field;
         master->AppendReferrer(this);
     });
+}
+
+void TKdsColumn::SetVirtualKey(bool value, TKdsLookupKind kind) {
+    TKdsAttributes attributes = fAttributes;
+    attributes.Set(caVirtualKey, value);
+    CheckAttributes(attributes, kind);
+    if (attributes == fAttributes && (!value || kind == fLookupKind)) return;
+    Change(true, [&] {
+        fAttributes = attributes;
+        if (value) fLookupKind = kind;
+    });
+}
+
+void TKdsColumn::CheckAttributes(TKdsAttributes value, TKdsLookupKind kind) {
+    if (fIsReference && value.HasAny({caCalculated, caVirtualKey})) {
+        throw EInvalidArgument(u"A reference column cannot be calculated nor a virtual key");
+    }
+    if (!value.Has(caVirtualKey)) return;
+    if (value.Has(caCalculated)) throw EInvalidArgument(u"A virtual key cannot be calculated");
+    CheckVirtual(fMasterTable, fMasterField, kind);
+}
+
+// A virtual key of this kind, into this column of a master.
+void TKdsColumn::CheckVirtual(TKdsTable* master, TKdsColumn* field, TKdsLookupKind kind) {
+    if (master == nullptr) return;
+    CheckCircle(field);
+    if (kind != lkShort) return;
+    // A short key has no identity: only where rows stay is it one.
+    if (!master->Options().Has(mtoStaticData)) {
+        throw EInvalidArgument(u"A short virtual key needs a master with static data");
+    }
+    if (master->Records()->Count() > TKdsStaticLookup{}.Index) {
+        const TKdsTable* const own = Table();
+        KdsError(u"StaticLookupLong",
+                 {master->Name(), own == nullptr ? std::u16string() : own->Name(), Name()});
+    }
+}
+
+// What this column would show must not show this column.
+void TKdsColumn::CheckCircle(const TKdsColumn* shown) const {
+    for (; shown != nullptr; shown = shown->LooksUp() ? shown->Shown() : nullptr) {
+        if (shown == this) KdsParserError(u"CircularReference", {Name()});
+    }
 }
 
 TKdsColumn* TKdsTableColumnList::AddLookup(std::u16string_view name, std::u16string_view keyColumn,
@@ -48,6 +92,7 @@ TKdsColumn* TKdsTableColumnList::AddLookup(std::u16string_view name, std::u16str
     if (kind == lkShort && master->Records()->Count() > TKdsStaticLookup{}.Index) {
         KdsError(u"StaticLookupLong", {master->Name(), fTable->Name(), name});
     }
+    if (key->GetIsVirtualKey()) key->CheckVirtual(master, key->fMasterField, kind);
     TKdsColumn* const target =
         targetColumn.empty() ? nullptr : master->Columns()->Columns(targetColumn);
     TOwned<TKdsColumn> column(new TKdsColumn(name, dtInteger, DefaultVariableLength));
@@ -77,9 +122,7 @@ void TKdsColumn::SetTargetField(TKdsColumn* value) {
     if (value != nullptr && value->Owner() != fMasterTable->Columns()) {
         throw EInvalidArgument(u"The column does not belong to the table that is looked into");
     }
-    for (const TKdsColumn* step = value; step != nullptr; step = step->fTargetField) {
-        if (step == this) KdsParserError(u"CircularReference", {Name()});
-    }
+    CheckCircle(value);
     Change(false, [&] {
         fTargetField = value;
         TakeShapeOf(value != nullptr ? value : fMasterField);
@@ -102,7 +145,7 @@ TVariant TKdsColumn::LookupValue(const TVariant& value) const {
         return TVariant(GetMessageText(u"UnresolvedLookup"));
     }
     TKdsRecord* const row = fMasterTable->Records()->ItemAt(found.Index);
-    return row->GetDataC(fTargetField != nullptr ? fTargetField : fMasterField);
+    return row->GetDataC(Shown());
 }
 
 // ---- What has gone ------------------------------------------------------------------------
@@ -130,6 +173,7 @@ void TKdsColumn::ForgetMasterColumn(const TKdsColumn* column) noexcept {
 void TKdsTableColumnList::ForgetColumn(const TKdsColumn* column) noexcept {
     for (TKdsColumn* const other : *this) {
         if (other->fSourceField == column) other->fSourceField = nullptr;
+        other->fFirstFollower = nullptr;  // linked anew with the layout
     }
     const std::vector<TKdsColumn*>& referrers = fTable->Referrers();
     for (std::size_t i = referrers.size(); i > 0; --i) {
@@ -138,9 +182,15 @@ void TKdsTableColumnList::ForgetColumn(const TKdsColumn* column) noexcept {
 }
 
 void TKdsTableColumnList::MarkLookupKeys() noexcept {
-    for (TKdsColumn* const column : *this) column->fIsLookupKey = false;
-    for (const TKdsColumn* const column : *this) {
-        if (column->fSourceField != nullptr) column->fSourceField->fIsLookupKey = true;
+    for (TKdsColumn* const column : *this) column->fFirstFollower = nullptr;
+    for (std::int32_t i = fCount; i > 0; --i) {
+        TKdsColumn* const column = GetItem(i - 1);
+        if (TKdsColumn* const source = column->fSourceField) {
+            column->fNextFollower = std::exchange(source->fFirstFollower, column);
+        }
+    }
+    for (TKdsColumn* const column : *this) {
+        column->fIsLookupKey = column->fFirstFollower != nullptr;
     }
     for (TKdsColumn* const column : *this) column->UpdateOccurences();
 }

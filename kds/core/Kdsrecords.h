@@ -92,6 +92,12 @@ struct TKdsValue {
     TKdsDataType Type = dtUnknown;  // of the column that finally answered
 };
 
+// The raw form of a value of this type, in the scratch: HoldVariant raises CannotConvertValue when
+// there is none, ConvertVariant what the conversion raises.
+void ConvertVariant(TKdsDataType type, const TVariant& source, TKdsScratch& scratch,
+                    TKdsValue& value);
+void HoldVariant(TKdsDataType type, const TVariant& source, TKdsScratch& scratch, TKdsValue& value);
+
 // Whether T is the C++ form of a raw value of this type, so that no conversion is needed.
 template <typename T>
 [[nodiscard]] constexpr bool IsRawForm(TKdsDataType type) noexcept {
@@ -346,9 +352,16 @@ private:
     void StoreKey(const TKdsColumn* column, const void* data, std::int32_t size);
     void StoreReferenceKey(const TKdsColumn* column, const TKdsSlot& slot, const void* data,
                            std::int32_t size);
+    void StoreVirtual(const TKdsColumn* source, const TKdsNormalLookup& key);
+    void SaveKeys(const TKdsColumn* source, const TKdsNormalLookup& key);
     void NullReferences(const TKdsColumn* source);
-    [[nodiscard]] TKdsNormalLookup KeyFor(const TKdsColumn* column, const void* data,
+    // The master's rows have gone, and their identifiers come again.
+    void Unresolve(const TKdsColumn* column) noexcept;
+    [[nodiscard]] TKdsNormalLookup KeyFor(const TKdsColumn* source, const void* data,
                                           std::int32_t size);
+    [[nodiscard]] static TKdsNormalLookup KeyOf(const TKdsRecord* row);
+    [[nodiscard]] static TKdsRecord* RowOfKey(const TKdsColumn* column,
+                                              const TKdsNormalLookup& key);
     void StoreReference(const TKdsColumn* column, const TKdsSlot& slot, const void* data,
                         std::int32_t size);
     void StoreVariant(const TKdsColumn* column, const TVariant& value);

@@ -97,35 +97,7 @@ bool TKdsRecord::ReadValue(const TKdsColumn* column, TKdsReading reading, TKdsSc
 bool TKdsRecord::ReadComputed(const TKdsColumn* column, TKdsScratch& scratch, TKdsValue& value) {
     const TVariant computed = Compute(column);
     if (!computed.Assigned()) return false;
-    value.Type = column->DataType();
-    switch (column->DataType()) {
-        case dtChar:
-        case dtAnsiString:
-        case dtMemoString:
-            scratch.Ansi = VarToAnsi(computed);
-            value.Data = reinterpret_cast<const std::byte*>(scratch.Ansi.data());
-            value.Size = static_cast<std::int32_t>(scratch.Ansi.size());
-            return true;
-        case dtWideString:
-            scratch.Wide = VarToStr(computed);
-            value.Data = reinterpret_cast<const std::byte*>(scratch.Wide.data());
-            value.Size = static_cast<std::int32_t>(scratch.Wide.size());
-            return true;
-        case dtCustomData:
-            scratch.Intf = VarToIntf(computed);
-            StoreRaw(scratch.Number, scratch.Intf.Get());
-            break;
-        default: {
-            // The two small integers have no usable form of their own; their low bytes are those
-            // of the 32-bit value.
-            const bool small = column->DataType() == dtShort || column->DataType() == dtSmall;
-            std::int32_t length = 0;
-            VarToBuffer(small ? dtInteger : column->DataType(), computed, scratch.Number, length);
-            break;
-        }
-    }
-    value.Data = scratch.Number;
-    value.Size = column->DataSize();
+    ConvertVariant(column->DataType(), computed, scratch, value);
     return true;
 }
 

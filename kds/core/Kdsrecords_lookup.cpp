@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "kds/core/Kdserrors.h"
+#include "kds/core/Kdskeyvalues.h"
 #include "kds/core/Kdstables.h"
 #include "kds/util/Sortutils.h"
 #include "kds/views/Kdsviews.h"
@@ -65,7 +66,8 @@ bool TKdsRecord::ResolveLookupKey(const TKdsColumn* column, const void* data, st
     TKdsTableRecordList* const rows = master->Records();
     const TKdsView* const primary = master->PrimaryView();
     if (rows->Count() > WorthSearching && primary != nullptr && primary->Actual() &&
-        primary->Columns()->Count() > 0 && primary->Columns()->GetItem(0) == field) {
+        primary->Columns()->Count() > 0 && primary->Columns()->GetItem(0) == field &&
+        master->Layout().Slot(field->Index()).Kind <= skCustom) {
         // A longer text than the master can hold is none of its keys.
         const TKdsSlot& slot = master->Layout().Slot(field->Index());
         const bool fits = slot.Kind == skMemo ||
@@ -78,8 +80,7 @@ bool TKdsRecord::ResolveLookupKey(const TKdsColumn* column, const void* data, st
         bool found = false;
         master->PrimaryView()->Search(locator.get(), nullptr, 1, {}, index, found);
         if (!found) return false;
-        const TKdsRecord* const row = primary->ItemAt(index);
-        key = {rows->PositionOf(row), row->RowID()};
+        key = KeyOf(primary->ItemAt(index));
         return true;
     }
     const TKdsCompareOptions rule = KeyRule(column);
@@ -110,24 +111,56 @@ void TKdsRecord::MarkAsUnresolved(const TKdsColumn* column, void* key) noexcept 
     SaveKey(column, {}, static_cast<std::byte*>(key));
 }
 
-// What a write stores: nothing yet in a column that resolves on the first read.
-TKdsNormalLookup TKdsRecord::KeyFor(const TKdsColumn* column, const void* data, std::int32_t size) {
+// What a write of a key column stores beside it: nothing yet where a reference resolves on its
+// first read. All that follow one key column look into the same column.
+TKdsNormalLookup TKdsRecord::KeyFor(const TKdsColumn* source, const void* data, std::int32_t size) {
     TKdsNormalLookup key;
-    const TKdsTable* const master = column->MasterTable();
-    if (master == nullptr || !column->CanResolve()) return key;
-    if (column->Occurences().Has(coLazyLookup)) return key;
-    if (column->Occurences().Has(coShortLookup) &&
-        master->Records()->Count() > TKdsStaticLookup{}.Index) {
-        KdsError(u"StaticLookupLong", {master->Name(), fTable->Name(), column->Name()});
+    const TKdsTable* const master = source->MasterTable();
+    if (master == nullptr || !source->CanResolve()) return key;
+    bool wanted = false;
+    const auto want = [&](const TKdsColumn* column) {
+        if (column->IsLazy()) return;
+        wanted = true;
+        if (column->Occurences().Has(coShortLookup) &&
+            master->Records()->Count() > TKdsStaticLookup{}.Index) {
+            KdsError(u"StaticLookupLong", {master->Name(), fTable->Name(), column->Name()});
+        }
+    };
+    if (source->GetIsVirtualKey()) want(source);
+    for (const TKdsColumn* column = source->fFirstFollower; column != nullptr;
+         column = column->fNextFollower) {
+        want(column);
     }
-    ResolveLookupKey(column, data, size, key);
+    if (wanted) ResolveLookupKey(source, data, size, key);
     return key;
+}
+
+TKdsNormalLookup TKdsRecord::KeyOf(const TKdsRecord* row) {
+    return {row->fTable->Records()->PositionOf(row), row->fRowID};
+}
+
+// The row with this key, where the key alone says which: nullptr when it has gone.
+TKdsRecord* TKdsRecord::RowOfKey(const TKdsColumn* column, const TKdsNormalLookup& key) {
+    TKdsTableRecordList* const rows = column->MasterTable()->Records();
+    const bool isInside = key.Index >= 0 && key.Index < rows->Count();
+    TKdsRecord* const row = isInside ? rows->ItemAt(key.Index) : nullptr;
+    if (column->Occurences().Has(coShortLookup)) return row;
+    if (row != nullptr && row->RowID() == key.RowID) return row;
+    return key.RowID == NoRowID ? nullptr : rows->FindRowID(key.RowID);
 }
 
 // ---- Reading ------------------------------------------------------------------------------
 
 TKdsRecord* TKdsRecord::MasterRow(const TKdsColumn* column, TKdsReading reading, bool& hasKey) {
     hasKey = false;
+    if (column->IsVirtual()) {
+        const TKdsColumn* const holder = column->KeyHolder();
+        const TKdsSlot& place = fTable->Layout().Slot(holder->Index());
+        const std::byte* const values = BufferFor(reading);
+        hasKey = values != nullptr && place.HasValue(values);
+        if (!hasKey || column->MasterTable() == nullptr) return nullptr;
+        return RowOfKey(holder, LoadKey(holder, values + place.Offset));
+    }
     const TKdsColumn* const source = column->SourceField();
     if (source == nullptr) return nullptr;
     TKdsScratch scratch;
@@ -142,7 +175,7 @@ TKdsRecord* TKdsRecord::MasterRow(const TKdsColumn* column, TKdsReading reading,
         key = {};
         if (!ResolveLookupKey(column, value.Data, value.Size, key)) return nullptr;
         // The first read of a lazy column writes what it has found, where only this thread reads.
-        if (column->Occurences().Has(coLazyLookup) && slot.HasValue(buffer) && !InParallelSort &&
+        if (column->IsLazy() && slot.HasValue(buffer) && !InParallelSort &&
             (!column->Occurences().Has(coShortLookup) || key.Index < TKdsStaticLookup{}.Index)) {
             SaveKey(column, key, const_cast<std::byte*>(buffer) + slot.Offset);
         }
@@ -152,15 +185,14 @@ TKdsRecord* TKdsRecord::MasterRow(const TKdsColumn* column, TKdsReading reading,
 
 bool TKdsRecord::ReadLookup(const TKdsColumn* column, TKdsReading reading, TKdsScratch& scratch,
                             TKdsValue& value) {
+    if (const TKdsKeyValues* const key = fTable->KeyValuesOf(this)) return key->Read(column, value);
     bool hasKey = false;
     TKdsRecord* const row = MasterRow(column, reading, hasKey);
     if (row == nullptr) {
         value.Size = hasKey ? -1 : 0;
         return false;
     }
-    const TKdsColumn* const shown =
-        column->TargetField() != nullptr ? column->TargetField() : column->MasterField();
-    return row->ReadValue(shown, reading, scratch, value);
+    return row->ReadValue(column->Shown(), reading, scratch, value);
 }
 
 TKdsRecord* TKdsRecord::GetAsRowC(const TKdsColumn* column) {
@@ -171,16 +203,22 @@ TKdsRecord* TKdsRecord::GetAsRowC(const TKdsColumn* column) {
 }
 
 void TKdsRecord::RepairKey(const TKdsColumn* column) {
+    if (column->IsVirtual()) column = column->KeyHolder();
     const TKdsSlot& slot = fTable->Layout().Slot(column->Index());
-    const TKdsColumn* const source = column->SourceField();
-    if (source == nullptr || fBuffer.Original == nullptr || !slot.HasValue(fBuffer.Original)) {
+    if (column->MasterTable() == nullptr || !column->CanResolve()) return;
+    if (fBuffer.Original == nullptr || !slot.HasValue(fBuffer.Original)) return;
+    std::byte* const place = fBuffer.Original + slot.Offset;
+    TKdsNormalLookup key = LoadKey(column, place);
+    if (column->IsVirtual()) {
+        const TKdsRecord* const row = RowOfKey(column, key);
+        if (row != nullptr && !column->Occurences().Has(coShortLookup)) {
+            SaveKey(column, KeyOf(row), place);
+        }
         return;
     }
     TKdsScratch scratch;
     TKdsValue value;
-    if (!column->CanResolve() || !ReadValue(source, TKdsReading::Posted, scratch, value)) return;
-    std::byte* const place = fBuffer.Original + slot.Offset;
-    TKdsNormalLookup key = LoadKey(column, place);
+    if (!ReadValue(column->SourceField(), TKdsReading::Posted, scratch, value)) return;
     if (IsValidReference(column, key, value.Data, value.Size)) return;
     key = {};
     ResolveLookupKey(column, value.Data, value.Size, key);
@@ -193,44 +231,64 @@ void TKdsRecord::RepairKey(const TKdsColumn* column) {
 // The value, and behind it the keys of all columns that follow it. Looking them up may fail and
 // comes first; once the value is stored the buffer has its full size, so that nothing fails.
 void TKdsRecord::StoreKey(const TKdsColumn* column, const void* data, std::int32_t size) {
-    struct TFollower {
-        const TKdsSlot* Slot;
-        const TKdsColumn* Column;
-        TKdsNormalLookup Key;
-    };
-    std::vector<TFollower> followers;
-    const TKdsLayout& layout = fTable->Layout();
+    const TKdsSlot& slot = fTable->Layout().Slot(column->Index());
     if (data == nullptr && size == 0) data = "";
     // What is no value at all is refused before anybody reads it.
-    if (data == nullptr || size < 0) StorePlain(column, layout.Slot(column->Index()), data, size);
-    for (const TKdsColumn* const other : *fTable->Columns()) {
-        if (other->SourceField() != column) continue;
-        followers.push_back({&layout.Slot(other->Index()), other, KeyFor(other, data, size)});
+    if (data == nullptr || size < 0 ||
+        (slot.Kind == skLookup && !IsTextType(slot.Type) && size != column->DataSize())) {
+        if (data == nullptr) throw EInvalidArgument(u"A value needs its data");
+        RaiseMismatch(column, u"DataBufferMismatch");
     }
-    if (followers.empty()) {
-        StorePlain(column, layout.Slot(column->Index()), data, size);
+    const TKdsNormalLookup key = KeyFor(column, data, size);
+    if (slot.Kind == skLookup) {
+        StoreVirtual(column, key);
         return;
     }
     // The value may lie in the buffer that goes when it is made full-size.
-    if (MovesForWrite(*followers.back().Slot)) {
-        const std::size_t unit = layout.Slot(column->Index()).Type == dtWideString ? 2 : 1;
+    if (MovesForWrite(slot)) {
+        const std::size_t unit = slot.Type == dtWideString ? 2 : 1;
         const auto* const bytes = static_cast<const std::byte*>(data);
         const std::vector<std::byte> copy(bytes, bytes + static_cast<std::size_t>(size) * unit);
         ExpandBuffer();
-        StorePlain(column, layout.Slot(column->Index()), copy.data(), size);
+        StorePlain(column, slot, copy.data(), size);
     } else {
-        StorePlain(column, layout.Slot(column->Index()), data, size);
+        StorePlain(column, slot, data, size);
     }
-    for (const TFollower& follower : followers) {
-        std::byte* const buffer = WritableBuffer(*follower.Slot);
-        SaveKey(follower.Column, follower.Key, buffer + follower.Slot->Offset);
-        follower.Slot->MarkValue(buffer);
+    SaveKeys(column, key);
+}
+
+// A key column that keeps no value, and the keys of those that follow it.
+void TKdsRecord::StoreVirtual(const TKdsColumn* source, const TKdsNormalLookup& key) {
+    const TKdsSlot& slot = fTable->Layout().Slot(source->Index());
+    std::byte* const buffer = WritableBuffer(slot);
+    if (slot.Size > 0) SaveKey(source, key, buffer + slot.Offset);
+    slot.MarkValue(buffer);
+    SaveKeys(source, key);
+}
+
+void TKdsRecord::SaveKeys(const TKdsColumn* source, const TKdsNormalLookup& key) {
+    for (const TKdsColumn* column = source->fFirstFollower; column != nullptr;
+         column = column->fNextFollower) {
+        const TKdsSlot& slot = fTable->Layout().Slot(column->Index());
+        std::byte* const buffer = WritableBuffer(slot);
+        SaveKey(column, column->IsLazy() ? TKdsNormalLookup{} : key, buffer + slot.Offset);
+        slot.MarkValue(buffer);
     }
 }
 
+void TKdsRecord::Unresolve(const TKdsColumn* column) noexcept {
+    const TKdsSlot& slot = fTable->Layout().Slot(column->Index());
+    const auto unresolve = [&](std::byte* buffer) {
+        if (buffer != nullptr && slot.HasValue(buffer)) SaveKey(column, {}, buffer + slot.Offset);
+    };
+    unresolve(fBuffer.Proposed);
+    if (fRowState != rsDetached) unresolve(fBuffer.Original);
+}
+
 void TKdsRecord::NullReferences(const TKdsColumn* source) {
-    for (const TKdsColumn* const other : *fTable->Columns()) {
-        if (other->SourceField() == source) StoreNull(other);
+    for (const TKdsColumn* column = source->fFirstFollower; column != nullptr;
+         column = column->fNextFollower) {
+        StoreNull(column);
     }
 }
 
@@ -239,9 +297,15 @@ void TKdsRecord::StoreReferenceKey(const TKdsColumn* column, const TKdsSlot& slo
                                    std::int32_t size) {
     if (size != slot.Size || data == nullptr) RaiseMismatch(column, u"DataBufferMismatch");
     TKdsNormalLookup key = LoadKey(column, static_cast<const std::byte*>(data));
+    const TKdsColumn* const source = column->SourceField();
+    if (column->IsVirtual()) {
+        const TKdsRecord* const row =
+            column->MasterTable() == nullptr ? nullptr : RowOfKey(column, key);
+        StoreVirtual(source, row == nullptr ? TKdsNormalLookup{} : KeyOf(row));
+        return;
+    }
     TKdsScratch scratch;
     TKdsValue value;
-    const TKdsColumn* const source = column->SourceField();
     const bool hasKey =
         column->CanResolve() && ReadValue(source, TKdsReading::Current, scratch, value);
     if (!hasKey || !IsValidReference(column, key, value.Data, value.Size)) key = {};
@@ -261,6 +325,12 @@ void TKdsRecord::SetAsRowC(const TKdsColumn* column, TKdsRecord* master) {
     }
     if (master->Table() != column->MasterTable()) {
         throw EInvalidArgument(u"The record does not belong to the table that is looked into");
+    }
+    if (column->IsVirtual()) {
+        CheckWrite(column->SourceField());
+        if (master->Owner() == nullptr) throw EInvalidArgument(u"The record is not in its table");
+        StoreVirtual(column->SourceField(), KeyOf(master));
+        return;
     }
     CopyValueC(column->SourceField(), master, column->MasterField());
 }

@@ -24,43 +24,49 @@ void TKdsRecord::SetDataC(const TKdsColumn* column, const TVariant& value) {
     StoreVariant(column, value);
 }
 
-// A value that does not convert is the column's error; what the store itself raises passes, and
-// so does running out of memory.
-void TKdsRecord::StoreVariant(const TKdsColumn* column, const TVariant& value) {
-    if (!value.Assigned()) {
-        StoreNull(column);
+namespace {
+
+template <typename T>
+void ShowText(const T& text, TKdsValue& value) noexcept {
+    value.Data = reinterpret_cast<const std::byte*>(text.data());
+    value.Size = static_cast<std::int32_t>(text.size());
+}
+
+}  // namespace
+
+void ConvertVariant(TKdsDataType type, const TVariant& source, TKdsScratch& scratch,
+                    TKdsValue& value) {
+    value.Type = type;
+    if (IsAnsiType(type)) {
+        scratch.Ansi = VarToAnsi(source);
+        ShowText(scratch.Ansi, value);
         return;
     }
-    if (column->GetIsReference()) KdsError(u"CannotLookupVariant");
-    const TKdsDataType type = column->DataType();
-    std::byte number[16];
-    std::int32_t size = 0;
-    std::string ansi;
-    std::u16string wide;
-    TIntf<IInterface> intf;
-    const void* data = number;
+    if (type == dtWideString) {
+        scratch.Wide = VarToStr(source);
+        ShowText(scratch.Wide, value);
+        return;
+    }
+    value.Data = scratch.Number;
+    if (type == dtCustomData) {
+        scratch.Intf = VarToIntf(source);
+        StoreRaw(scratch.Number, scratch.Intf.Get());
+        value.Size = 8;
+        return;
+    }
+    // The two small integers have crossed forms of their own; their low bytes are those of the
+    // 32-bit value.
+    const bool isSmall = type == dtShort || type == dtSmall;
+    VarToBuffer(isSmall ? dtInteger : type, source, scratch.Number, value.Size);
+    if (isSmall) value.Size = DataSize(type);
+}
+
+// A value that does not convert is the column's error; what the store itself raises passes, and
+// so does running out of memory.
+void HoldVariant(TKdsDataType type, const TVariant& source, TKdsScratch& scratch,
+                 TKdsValue& value) {
     try {
-        if (IsAnsiType(type)) {
-            ansi = VarToAnsi(value);
-            if (column->Attributes().Has(caAutoTrim)) ansi = ToUtf8(Trim(ToUtf16(ansi)));
-            data = ansi.data();
-            size = static_cast<std::int32_t>(ansi.size());
-        } else if (type == dtWideString) {
-            wide = VarToStr(value);
-            if (column->Attributes().Has(caAutoTrim)) wide = Trim(wide);
-            data = wide.data();
-            size = static_cast<std::int32_t>(wide.size());
-        } else if (type == dtCustomData) {
-            intf = VarToIntf(value);
-            StoreRaw(number, intf.Get());
-            size = 8;
-        } else if (type == dtShort || type == dtSmall) {
-            // The low bytes of the 32-bit value: these two types have crossed forms of their own.
-            VarToBuffer(dtInteger, value, number, size);
-            size = column->DataSize();
-        } else {
-            VarToBuffer(type, value, number, size);
-        }
+        ConvertVariant(type, source, scratch, value);
     } catch (const EVariantError&) {
         KdsError(u"CannotConvertValue");
     } catch (const EConvertError&) {
@@ -70,7 +76,27 @@ void TKdsRecord::StoreVariant(const TKdsColumn* column, const TVariant& value) {
     } catch (const EMathError&) {
         KdsError(u"CannotConvertValue");
     }
-    StoreValue(column, data, size);
+}
+
+void TKdsRecord::StoreVariant(const TKdsColumn* column, const TVariant& value) {
+    if (!value.Assigned()) {
+        StoreNull(column);
+        return;
+    }
+    if (column->GetIsReference()) KdsError(u"CannotLookupVariant");
+    TKdsScratch scratch;
+    TKdsValue raw;
+    HoldVariant(column->DataType(), value, scratch, raw);
+    if (column->Attributes().Has(caAutoTrim) && IsTextType(raw.Type)) {
+        if (raw.Type == dtWideString) {
+            scratch.Wide = Trim(scratch.Wide);
+            ShowText(scratch.Wide, raw);
+        } else {
+            scratch.Ansi = ToUtf8(Trim(ToUtf16(scratch.Ansi)));
+            ShowText(scratch.Ansi, raw);
+        }
+    }
+    StoreValue(column, raw.Data, raw.Size);
 }
 
 TVariant TKdsRecord::GetOldC(const TKdsColumn* column) {
@@ -148,13 +174,11 @@ bool TKdsRecord::SameValueC(const TKdsColumn* column, TKdsRecord* other,
 
 std::u16string TKdsRecord::Format(const TKdsColumn* column) {
     CheckColumn(column);
-    if (!column->GetIsReference()) return column->FormatValue(GetDataC(column), this);
+    if (!column->LooksUp()) return column->FormatValue(GetDataC(column), this);
     bool hasKey = false;
     TKdsRecord* const row = MasterRow(column, TKdsReading::Current, hasKey);
     if (row == nullptr) return hasKey ? GetMessageText(u"UnresolvedLookup") : std::u16string();
-    const TKdsColumn* const shown =
-        column->TargetField() != nullptr ? column->TargetField() : column->MasterField();
-    return row->Format(shown);
+    return row->Format(column->Shown());
 }
 
 // ---- Defaults and calculation -------------------------------------------------------------

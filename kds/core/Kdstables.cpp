@@ -97,6 +97,13 @@ TKdsStringManager* TKdsTable::Strings() const noexcept { return fStrings.get(); 
 
 void TKdsTable::SetOptions(TKdsTableOptions value) {
     if (value == fOptions) return;
+    if (fOptions.Has(mtoStaticData) && !value.Has(mtoStaticData)) {
+        for (const TKdsColumn* const column : fReferrers) {
+            if (column->IsVirtual() && column->Occurences().Has(coShortLookup)) {
+                throw EInvalidArgument(u"Short virtual keys need a master with static data");
+            }
+        }
+    }
     if (value.Has(mtoStripNulls) != fOptions.Has(mtoStripNulls)) {
         CheckRestructure();
         fOptions = value;

@@ -68,6 +68,8 @@ public:
     virtual void TableDestroyed(TKdsTable* table) = 0;
 };
 
+class TKdsKeyValues;
+
 using TKdsComparer = TDelegate<std::int32_t(TKdsRecord*, TKdsRecord*)>;
 using TKdsAcceptRecordEvent = TDelegate<void(TKdsView*, TKdsRecord*, bool&)>;
 
@@ -221,7 +223,7 @@ public:
     }
     // So that a row is placed among rows that stand right.
     void FreshenViews() {
-        if (fColumns->Occurences().Has(coReference)) FreshenReadingViews();
+        if (fColumns->LooksUp()) FreshenReadingViews();
     }
     // Views of other tables that look into this one and have links hear of its changes now.
     void FreshenReaders(TFirstError& errors) noexcept;
@@ -256,6 +258,10 @@ public:
     // runs: a routine of the host that searches meanwhile gets another one.
     [[nodiscard]] TOwned<TKdsRecord> TakeLocator();
     void GiveLocator(TOwned<TKdsRecord>&& locator) noexcept;
+    // Of a search key that is in use; nullptr for other records.
+    [[nodiscard]] const TKdsKeyValues* KeyValuesOf(const TKdsRecord* record) const noexcept {
+        return fKeyValues == nullptr ? nullptr : KeyValuesFor(record);
+    }
     [[nodiscard]] const TKdsLayout& Layout() const noexcept { return fColumns->Layout(); }
 
 protected:
@@ -277,6 +283,7 @@ private:
     friend class TKdsTableScope;
     friend class TKdsLoad;
     friend class TKdsKeyChange;
+    friend class TKdsKeyValues;
     friend class TKdsView;
     friend class TKdsViewList;
 
@@ -360,6 +367,8 @@ private:
     }
     void Climb(TNotification* notification);
     void FreshenReadingViews();
+    [[nodiscard]] const TKdsKeyValues* KeyValuesFor(const TKdsRecord* record) const noexcept;
+    void UnresolveReaders() noexcept;
     void CountChange(const TNotification& notification) noexcept;
     void CheckUniqueViews(TKdsRecord* record);
     void ReservePlaces(const TKdsRecord* record);
@@ -434,7 +443,8 @@ private:
     bool fDelivers = false;
     bool fKeyFailed =
         false;  // the primary view could not be built; deleting or posting a row clears it
-    TKdsScratch fScratch;  // of the public reads
+    TKdsScratch fScratch;                       // of the public reads
+    const TKdsKeyValues* fKeyValues = nullptr;  // of the search under way, innermost
 };
 
 // Around each insertion, post and deletion: the outermost one delivers the views' events as its

@@ -186,8 +186,14 @@ void TKdsTable::FindChanges(const std::byte* before, const std::byte* after) {
         }
         if (changed) fChanged.Include(i);
     }
-    if (!fColumns->Occurences().Has(coReference)) return;
-    // What a reference shows follows the key column beside it, whatever its own key says.
+    if (!fColumns->LooksUp()) return;
+    // What a reference shows follows the key column beside it, whatever its own key says; the key
+    // column may have no place but the reference.
+    for (const TKdsColumn* const column : *fColumns) {
+        if (column->GetIsVirtualKey() && fChanged.Has(column->KeyHolder()->Index())) {
+            fChanged.Include(column->Index());
+        }
+    }
     for (const TKdsColumn* const column : *fColumns) {
         const TKdsColumn* const source = column->SourceField();
         if (source != nullptr && fChanged.Has(source->Index())) fChanged.Include(column->Index());

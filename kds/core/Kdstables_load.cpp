@@ -254,6 +254,7 @@ void TKdsTable::Clear() {
         fVersion = 0;
         ++fChangeCount;
         fPosts.fill(NoRowID);
+        UnresolveReaders();
         for (TKdsColumn* const column : *fColumns) column->fAutoIncNext = column->fAutoIncSeed;
     });
     errors.Run([&] {
@@ -262,6 +263,16 @@ void TKdsTable::Clear() {
     errors.Run([&] { LeaveLoad(); });
     bracket.Close(errors);
     errors.Rethrow();
+}
+
+// New rows take the identifiers of those that have gone.
+void TKdsTable::UnresolveReaders() noexcept {
+    for (const TKdsColumn* const column : fReferrers) {
+        const TKdsTable* const table = column->Table();
+        if (table == nullptr || !column->IsVirtual() || column->ActualSize() == 0) continue;
+        for (TKdsRecord* const row : *table->Records()) row->Unresolve(column);
+        for (TKdsRecord* const row : table->fDetached) row->Unresolve(column);
+    }
 }
 
 // ---- Change brackets ----------------------------------------------------------------------

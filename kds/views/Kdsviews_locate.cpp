@@ -1,6 +1,7 @@
 // Finding rows of a view by values.
 #include "kds/views/Kdsviews.h"
 
+#include "kds/core/Kdskeyvalues.h"
 #include "kds/views/Kdscomparescope.h"
 
 namespace kds {
@@ -14,8 +15,16 @@ void TKdsView::WithKey(const TKdsOrderColumnList* columns, std::span<const TVari
     }
     TOwned<TKdsRecord> key = fTable->TakeLocator();
     TScopeGuard giveBack([&] { fTable->GiveLocator(std::move(key)); });
+    TKdsKeyValues shown(key.get());
     std::int32_t count = 0;
-    for (const TVariant& value : values) key->StoreVariant(columns->GetItem(count++), value);
+    for (const TVariant& value : values) {
+        const TKdsColumn* const column = columns->GetItem(count++);
+        if (column->LooksUp()) {
+            shown.Add(column, value);
+        } else {
+            key->StoreVariant(column, value);
+        }
+    }
     use(key.get(), count);
 }
 

@@ -15,10 +15,10 @@ namespace kds {
 std::vector<TKdsView::TSource> TKdsView::Sources() const {
     std::vector<TSource> sources;
     for (const TKdsColumn* column : *fColumns) {
-        for (; column != nullptr && column->GetIsReference(); column = column->TargetField()) {
+        for (; column != nullptr && column->LooksUp(); column = column->Shown()) {
             TKdsTable* const table = column->MasterTable();
-            const TKdsColumn* const shown = column->TargetField();
-            const bool isDirect = shown == nullptr || !shown->GetIsReference();
+            const TKdsColumn* const shown = column->Shown();
+            const bool isDirect = shown == nullptr || !shown->LooksUp();
             sources.push_back({table, table == nullptr ? 0 : table->ChangeCount(), isDirect});
         }
     }
@@ -29,7 +29,7 @@ std::vector<TKdsView::TSource> TKdsView::Sources() const {
 bool TKdsView::IsFresh() const noexcept {
     std::size_t next = 0;
     for (const TKdsColumn* column : *fColumns) {
-        for (; column != nullptr && column->GetIsReference(); column = column->TargetField()) {
+        for (; column != nullptr && column->LooksUp(); column = column->Shown()) {
             const TKdsTable* const table = column->MasterTable();
             if (next == fSources.size() || fSources[next].Table != table) return false;
             if (table != nullptr && fSources[next].Changes != table->ChangeCount()) return false;
@@ -91,7 +91,8 @@ bool TKdsView::PlaceReadersOf(const std::vector<TSource>& sources) {
     }
     std::vector<TKdsRecord*> rows;
     for (const TKdsColumn* const column : *fColumns) {
-        if (!column->GetIsReference() || column->MasterTable() == nullptr) continue;
+        if (!column->LooksUp() || column->MasterTable() == nullptr) continue;
+        if (column->IsVirtual()) return false;  // no value says which rows those are
         for (TKdsRecord* const master : masters) {
             if (master->Table() == column->MasterTable()) {
                 CollectReaders(column, master, rows);
@@ -148,7 +149,7 @@ void TKdsView::ReplaceRows(const std::vector<TKdsRecord*>& rows) {
 // So that a sort, which reads each key many times, meets none that leads astray.
 void TKdsView::RepairKeys() {
     for (const TKdsColumn* const column : *fColumns) {
-        if (!column->GetIsReference()) continue;
+        if (!column->LooksUp()) continue;
         for (TKdsRecord* const row : *fTable->Records()) row->RepairKey(column);
     }
 }

@@ -44,7 +44,7 @@ void TKdsView::Prepare() {
             sorts = true;
         }
         fReadsOthers = false;  // now the rows are placed by what is there now
-        if (fTable->Columns()->Occurences().Has(coReference)) {
+        if (fTable->Columns()->LooksUp()) {
             fSources = Sources();
             if (!fSources.empty()) RepairKeys();
         }
@@ -54,7 +54,7 @@ void TKdsView::Prepare() {
         fStorage->Prepared();
     }
     fail.Dismiss();
-    fReadsOthers = fTable->Columns()->Occurences().Has(coReference) && !fSources.empty();
+    fReadsOthers = fTable->Columns()->LooksUp() && !fSources.empty();
     if (fChanges != nullptr) fChanges->Rebuilt();
     fTable->ViewsChanged();
     const std::int64_t end = QueryPerformanceCounter();

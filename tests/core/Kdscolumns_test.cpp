@@ -199,8 +199,6 @@ TEST_F(TKdsColumnTest, RefusesWhatIsMissing) {
     const std::pair<std::string, std::function<void()>> missing[] = {
         {"A calculated expression", [&] { n->SetExpression(u"1+1"); }},
         {"A lookup filter", [&] { n->SetLookupFilter(u"x"); }},
-        {"A virtual key", [&] { n->SetVirtualKey(true); }},
-        {"A virtual key", [&] { n->SetAttributes({caVirtualKey}); }},
         {"A limit of records in memory", [&] { fTable->SetMaxRecordsInMemory(10); }},
         {"A filter expression", [&] { fTable->Select(u"n", u"n > 1"); }},
     };
@@ -210,7 +208,6 @@ TEST_F(TKdsColumnTest, RefusesWhatIsMissing) {
     }
     n->SetExpression(u"");
     n->SetLookupFilter(u"");
-    n->SetVirtualKey(false);
     fTable->SetMaxRecordsInMemory(0);
     EXPECT_EQ(fRecorder.Take(), TLines{});
     EXPECT_EQ(fTable->Views()->Count(), 0);

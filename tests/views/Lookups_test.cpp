@@ -302,6 +302,59 @@ TEST_F(TLookupTest, ATableMayLookIntoItself) {
     }
 }
 
+// A virtual key takes the room of a key, or none beside a reference, and tells the master's value.
+TEST_F(TLookupTest, AVirtualKeyKeepsNoValue) {
+    TKdsColumn* const country = fZones->Columns()->Columns(u"Country");
+    EXPECT_EQ(RefusalOf([&] { country->SetVirtualKey(true, lkShort); }),
+              "A short virtual key needs a master with static data");
+    fCountries->SetOptions({mtoStaticData});
+    country->SetVirtualKey(true, lkShort);
+    EXPECT_EQ(country->ActualSize(), 2);
+    EXPECT_EQ(RefusalOf([&] { fCountries->SetOptions({}); }),
+              "Short virtual keys need a master with static data");
+    country->SetVirtualKey(true);
+    EXPECT_EQ(country->ActualSize(), 8);
+    EXPECT_EQ(RefusalOf([&] { country->SetCalculated(true); }),
+              "A virtual key cannot be calculated");
+    AddCountries(12);
+    TKdsRecord* const zone = AddZone(1, u"AB");
+    EXPECT_EQ(VarToStr(zone->GetDataC(country)), u"AB");
+    EXPECT_EQ(zone->Format(country), u"AB");
+    EXPECT_EQ(AddZone(2, u"ZZ")->Format(country), u"#wrong lookup");
+    EXPECT_EQ(RefusalOf([&] { country->SetVirtualKey(false); }),
+              "Cannot change structure for non-empty table \"Zones\"");
+
+    // The row is what is meant, whatever its code becomes.
+    TKdsEdit edit(fCountries->Records()->Items(1));
+    edit->SetDataN(u"Code", u"QQ");
+    edit.Post();
+    EXPECT_EQ(VarToStr(zone->GetDataC(country)), u"QQ");
+
+    fZones->Clear();
+    TKdsColumn* const row = fZones->Columns()->AddLookup(u"Row", u"Country");
+    EXPECT_EQ(country->ActualSize(), 0);
+    TKdsRecord* const other = AddZone(3, u"AC");
+    TKdsEdit change(other);
+    other->SetAsRowC(row, fCountries->Records()->Items(1));
+    change.Post();
+    EXPECT_EQ(VarToStr(other->GetDataC(country)), u"QQ");
+    const TKdsNormalLookup key{3, fCountries->Records()->Items(3)->RowID()};
+    TKdsEdit byKey(other);
+    other->SetDataP(row, &key, 8);
+    byKey.Post();
+    EXPECT_EQ(VarToStr(other->GetDataC(country)), u"AD");
+}
+
+TEST_F(TLookupTest, VirtualKeysOfOneAnotherAreNoCircle) {
+    TKdsColumn* const code = fCountries->Columns()->Columns(u"Code");
+    fZones->SetPrimaryKey(u"Country");
+    fZones->Columns()->Columns(u"Country")->SetVirtualKey(true);
+    code->ForeignKey(u"Zones", u"Country");
+    EXPECT_EQ(RefusalOf([&] { code->SetVirtualKey(true); }),
+              "Circular reference for Code detected");
+    EXPECT_FALSE(code->GetIsVirtualKey());
+}
+
 TEST_F(TLookupTest, AShortLookupRefusesAMasterThatHasGrownTooLarge) {
     const TKdsColumn* const name = AddName(lkShort);
     fCountries->SetPrimaryKey({});
@@ -323,6 +376,8 @@ struct TLookupCase {
     TKdsTableOptions Options;
     TKdsLookupKind Kind;
     bool IsLazy, Listens;
+    bool IsVirtual =
+        false;  // the key column keeps no value: which country was meant is what counts
 };
 
 // Countries come and go, are renamed and given other codes; zones too. After each step every zone
@@ -332,6 +387,8 @@ protected:
     TLookupModel() {
         fZones->SetOptions(GetParam().Options);
         fZones->SetStorageFactory(StorageFactory(GetParam().Storage));
+        fCountry = fZones->Columns()->Columns(u"Country");
+        fCountry->SetVirtualKey(GetParam().IsVirtual);
         fName = AddName(GetParam().Kind);
         fName->SetLazyLookup(GetParam().IsLazy);
         fByName = fZones->Select(u"Name desc");
@@ -348,15 +405,37 @@ protected:
         return count == 0 ? nullptr : table->Records()->Items(Draw(count));
     }
     void Step();
+    void SetCountry(TKdsRecord* zone);
     void Check();
-    [[nodiscard]] std::optional<std::u16string> Shown(TKdsRecord* zone);
+    [[nodiscard]] TKdsRecord* CountryOf(TKdsRecord* zone);
 
     std::mt19937 fRandom{support::Seed()};
+    struct TMeant {
+        int Posted = 0, Edited = 0;  // the numbers of countries
+    };
+    std::map<TKdsRecord*, TMeant> fMeant;
+    TKdsColumn* fCountry;
     TKdsColumn* fName;
     TKdsView* fByName;
     TCounter fLink;
     int fNextZone = 0;
+    int fNextCountry = 0;
 };
+
+void TLookupModel::SetCountry(TKdsRecord* zone) {
+    const std::u16string code = Code(Draw(30));
+    fMeant[zone].Edited = 0;
+    if (Draw(8) == 0) {
+        zone->SetNullC(fCountry);
+        return;
+    }
+    const TKdsColumn* const number = fCountries->Columns()->Columns(u"Number");
+    for (TKdsRecord* const country : *fCountries->Records()) {
+        const bool isIt = VarToStr(country->GetDataN(u"Code")) == code;
+        if (isIt) fMeant[zone].Edited = country->Get<std::int32_t>(number).value_or(0);
+    }
+    zone->SetDataC(fCountry, code);
+}
 
 void TLookupModel::Step() {
     const auto ignore = [](const auto& change) {
@@ -370,7 +449,7 @@ void TLookupModel::Step() {
     TKdsRecord* const country = Any(fCountries);
     TKdsRecord* const zone = Any(fZones);
     if (draw < 15) {
-        ignore([&] { fCountries->Insert({Code(Draw(30)), Letter(Draw(9)), 0}); });
+        ignore([&] { fCountries->Insert({Code(Draw(30)), Letter(Draw(9)), ++fNextCountry}); });
     } else if (draw < 45 && country != nullptr) {
         ignore([&] {
             TKdsEdit edit(country);
@@ -381,37 +460,50 @@ void TLookupModel::Step() {
         });
     } else if (draw < 52 && country != nullptr) {
         country->Delete();
-    } else if (draw < 53 && Draw(6) == 0) {
+    } else if (draw < 53) {
         fCountries->Clear();
     } else if (draw < 75 && fZones->Records()->Count() < 60) {
-        AddZone(++fNextZone, Draw(8) == 0 ? TVariant(Null) : TVariant(Code(Draw(30))));
+        TOwned<TKdsRecord> row = fZones->NewRow();
+        row->SetDataN(u"Id", ++fNextZone);
+        SetCountry(row.get());
+        TKdsRecord* const added = fZones->Records()->Add(std::move(row));
+        fMeant[added].Posted = fMeant[added].Edited;
     } else if (draw < 92 && zone != nullptr) {
         if (zone->RowState() != rsEditing) zone->Edit();
-        zone->SetDataN(u"Country", Draw(8) == 0 ? TVariant(Null) : TVariant(Code(Draw(30))));
-        if (Draw(3) != 0) zone->Post();
+        SetCountry(zone);
+        if (Draw(3) == 0) return;
+        zone->Post();
+        fMeant[zone].Posted = fMeant[zone].Edited;
     } else if (zone != nullptr) {
         zone->Delete();
     }
 }
 
-// By looking at every country.
-std::optional<std::u16string> TLookupModel::Shown(TKdsRecord* zone) {
-    const TKdsColumn* const code = fZones->Columns()->Columns(u"Country");
-    const TVariant key = zone->RowState() == rsEditing ? zone->GetOldC(code) : zone->GetDataC(code);
-    if (key.IsNull()) return std::nullopt;
+// By looking at every country; a zone's posted one.
+TKdsRecord* TLookupModel::CountryOf(TKdsRecord* zone) {
+    const bool isOpen = zone->RowState() == rsEditing;
+    const TVariant key = isOpen ? zone->GetOldC(fCountry) : zone->GetDataC(fCountry);
     for (TKdsRecord* const country : *fCountries->Records()) {
-        if (VarToStr(country->GetDataN(u"Code")) != VarToStr(key)) continue;
-        const TVariant name = country->GetDataN(u"Name");
-        return name.IsNull() ? std::nullopt : std::optional(VarToStr(name));
+        const bool isIt = GetParam().IsVirtual
+                              ? country->GetDataN(u"Number") == TVariant(fMeant[zone].Posted)
+                              : !key.IsNull() && country->GetDataN(u"Code") == key;
+        if (!isIt) continue;
+        EXPECT_EQ(country->GetDataN(u"Code"), key);
+        return country;
     }
-    return std::nullopt;
+    EXPECT_TRUE(key.IsNull() || !GetParam().IsVirtual);
+    return nullptr;
 }
 
 void TLookupModel::Check() {
     std::vector<TKdsRecord*> expected;
     for (TKdsRecord* const zone : *fZones->Records()) expected.push_back(zone);
     std::map<TKdsRecord*, std::optional<std::u16string>> shown;
-    for (TKdsRecord* const zone : expected) shown[zone] = Shown(zone);
+    for (TKdsRecord* const zone : expected) {
+        TKdsRecord* const country = CountryOf(zone);
+        const TVariant name = country == nullptr ? Null : country->GetDataN(u"Name");
+        shown[zone] = name.IsNull() ? std::nullopt : std::optional(VarToStr(name));
+    }
     std::ranges::sort(expected, [&](TKdsRecord* a, TKdsRecord* b) {
         const auto& x = shown[a];
         const auto& y = shown[b];
@@ -427,6 +519,11 @@ void TLookupModel::Check() {
         const TVariant name = zone->GetDataC(fName);
         ASSERT_EQ(name.IsNull() ? std::nullopt : std::optional(VarToStr(name)), shown[zone]);
     }
+    const std::u16string sought = Letter(Draw(9));
+    const auto first = std::ranges::find_if(
+        expected, [&](TKdsRecord* zone) { return shown[zone] == std::optional(sought); });
+    const auto place = static_cast<std::int32_t>(first - expected.begin());
+    ASSERT_EQ(fByName->Find({sought}), first == expected.end() ? -1 : place);
 }
 
 TEST_P(TLookupModel, ShowsTheMasterAndKeepsTheOrder) {
@@ -444,6 +541,9 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(TLookupCase{"Skip", skSkip, {}, lkNormal, false, false},
                     TLookupCase{"SkipHeard", skSkip, {}, lkNormal, false, true},
                     TLookupCase{"TreeLazy", skTree, {}, lkNormal, true, false},
+                    TLookupCase{"SkipVirtual", skSkip, {}, lkNormal, false, true, true},
+                    TLookupCase{
+                        "LiteVirtual", skLite, {mtoStripNulls}, lkNormal, true, false, true},
                     TLookupCase{"ListShort", skList, {}, lkShort, false, true},
                     TLookupCase{"LiteStripped", skLite, {mtoStripNulls}, lkShort, true, false}),
     [](const auto& tested) { return std::string(tested.param.Name); });
