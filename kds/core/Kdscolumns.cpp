@@ -165,7 +165,10 @@ void TKdsColumn::SetDictionary(std::u16string_view value) {
     if (value == fDictionary) return;
     // Values that were shared through one dictionary could not be given back to another.
     if (TKdsTable* const table = Table()) table->CheckRestructure();
-    Change(false, [&] { fDictionary = value; });
+    Change(false, [&] {
+        fDictionary = value;
+        fVocabulary = nullptr;
+    });
 }
 
 void TKdsColumn::SetExpression(std::u16string_view value) {
@@ -326,6 +329,7 @@ void TKdsTableColumnList::Follow(TNotification* notification) {
         case acConfirmRename: Relayout(); return;
         case acConfirmDelete:
             ForgetColumn(static_cast<TKdsColumn*>(notification->Target));
+            static_cast<TKdsColumn*>(notification->Target)->fVocabulary = nullptr;
             Relayout();
             return;
         case acConfirmUpdate:

@@ -243,6 +243,7 @@ protected:
 private:
     friend class TKdsTableColumnList;
     friend class TKdsRecord;
+    friend class TKdsStringManager;
     friend class TKdsTable;
 
     // Prepare, store, confirm; `layout` tells whether the record layout follows. A refusal leaves
@@ -287,6 +288,7 @@ private:
     std::int32_t fPrecision = -1;
     TKdsVisibility fVisibility = viRegular;
     TKdsGetValueEvent fOnGetValue;
+    mutable TIntf<TKdsDictionary> fVocabulary;  // found under the name, until it is dropped
     std::u16string fLookupFilter;
     std::int64_t fAutoIncNext = 0;
     TKdsTable* fMasterTable = nullptr;

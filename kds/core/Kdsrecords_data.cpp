@@ -204,6 +204,10 @@ void TKdsRecord::SetDataP(const TKdsColumn* column, const void* data, std::int32
             StoreText(column, slot, data, size);
             return;
         }
+        if (slot.Kind == skMemo) {
+            StoreReference(column, slot, data, size);
+            return;
+        }
     }
     SetChecked(column, data, size);
 }
@@ -288,6 +292,7 @@ void TKdsRecord::StoreReference(const TKdsColumn* column, const TKdsSlot& slot, 
         if (size < 0) RaiseMismatch(column, u"DataBufferMismatch");
         TAnsiString text = fTable->Strings()->ReferString(
             column, {static_cast<const char*>(data), static_cast<std::size_t>(size)});
+        TScopeGuard giveBack([&] { fTable->Strings()->ClearString(column, text); });
         std::byte* const buffer = WritableBuffer(slot);
         TAnsiString previous = TAnsiString::Attach(LoadRaw<void*>(buffer + slot.Offset));
         StoreRaw(buffer + slot.Offset, text.Detach());

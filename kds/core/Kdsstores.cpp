@@ -148,7 +148,7 @@ void TKdsTableList::Notify(TNotification* notification) {
     if (notification->Sender == this) {
         auto* const table = static_cast<TKdsTable*>(notification->Target);
         if (notification->Action == acPrepareDelete) table->CheckNotBusy();
-        if (notification->Action == acConfirmInsert) table->fStore = fStore;
+        if (notification->Action == acConfirmInsert) table->EnterStore(fStore);
         if (notification->Action == acConfirmDelete) table->fStore = nullptr;
     }
     TKdsNameList::Notify(notification);

@@ -1,8 +1,11 @@
 #include "kds/core/Kdsstrings.h"
 
 #include <algorithm>
+#include <cstring>
 
+#include "kds/core/Kdscolumns.h"
 #include "kds/core/Kdserrors.h"
+#include "kds/platform/Bytes.h"
 #include "kds/platform/Text.h"
 
 namespace kds {
@@ -77,12 +80,216 @@ std::int32_t TKdsStringList::CompareStrings(std::u16string_view a, std::u16strin
     return CompareText(a, b, !fCaseSensitive);
 }
 
-TAnsiString TKdsStringManager::ReferString(const TKdsColumn*, std::string_view text) {
-    return TAnsiString(text);
+// ---- TKdsDictionary -----------------------------------------------------------------------
+
+namespace {
+
+__extension__ typedef unsigned __int128 TWide;
+
+constexpr std::uint32_t UsualBucketCount = 11'027;
+constexpr std::int32_t ItemMemory = 16;    // accounted for an item
+constexpr std::int32_t StringMemory = 17;  // and for a text besides its bytes
+
+// Accounts wrap like the 32-bit numbers they are.
+std::int32_t Wrapped(std::uint32_t value) noexcept { return static_cast<std::int32_t>(value); }
+
+std::uint32_t TextMemory(const TAnsiString& text) noexcept {
+    return text.Empty() ? 0 : static_cast<std::uint32_t>(text.Size() + StringMemory);
 }
 
-void TKdsStringManager::ClearString(const TKdsColumn*, TAnsiString& text) noexcept {
+struct TSpecification {
+    std::u16string_view Name;
+    std::uint32_t BucketCount;
+};
+
+// "name" or "name:buckets".
+TSpecification ReadSpecification(std::u16string_view text) noexcept {
+    const std::size_t colon = text.find(u':');
+    if (colon == text.npos) return {text, UsualBucketCount};
+    constexpr auto usual = static_cast<std::int32_t>(UsualBucketCount);
+    const std::int32_t count = TextToIntDef(text.substr(colon + 1), usual);
+    return {text.substr(0, colon),
+            count < 0 ? UsualBucketCount : static_cast<std::uint32_t>(count)};
+}
+
+}  // namespace
+
+TKdsDictionary::TKdsDictionary(std::uint32_t bucketCount)
+    : fBuckets(bucketCount),
+      fReciprocal(bucketCount == 0 ? 0 : ~std::uint64_t{0} / bucketCount + 1) {}
+
+TKdsDictionary::~TKdsDictionary() { Clear(); }
+
+namespace {
+
+// Eight bytes as digits in base 31, the first one the highest: neighbours are joined into pairs,
+// pairs into fours, side by side in one word.
+std::uint32_t DigitsOf(std::uint64_t bytes) noexcept {
+    constexpr std::uint64_t oneByteOfTwo = 0x00ff'00ff'00ff'00ff;
+    constexpr std::uint64_t twoBytesOfFour = 0x0000'ffff'0000'ffff;
+    const std::uint64_t pairs = (bytes & oneByteOfTwo) * 31 + (bytes >> 8 & oneByteOfTwo);
+    const std::uint64_t fours = (pairs & twoBytesOfFour) * 961 + (pairs >> 16 & twoBytesOfFour);
+    return static_cast<std::uint32_t>(fours) * 923'521 + static_cast<std::uint32_t>(fours >> 32);
+}
+
+// QUIRK: texts are compared as far as a zero byte, like C strings. Two texts of one length that
+// differ behind one are the same to the pool when they share a bucket, and the second one reads as
+// the first.
+bool SameAsFarAsZero(const char* a, const char* b, std::size_t size) noexcept {
+    for (; size >= 8; size -= 8, a += 8, b += 8) {
+        if (LoadRaw<std::uint64_t>(a) != LoadRaw<std::uint64_t>(b)) break;
+    }
+    return size == 0 || std::strncmp(a, b, size) == 0;
+}
+
+}  // namespace
+
+// h := h * 31 + byte for each byte.
+std::uint32_t TKdsDictionary::HashOf(const char* text, std::int32_t length) noexcept {
+    constexpr std::uint32_t eighthPower = 923'521u * 923'521u;
+    std::uint32_t hash = 0;
+    for (; length >= 8; length -= 8, text += 8) {
+        hash = hash * eighthPower + DigitsOf(LoadRaw<std::uint64_t>(text));
+    }
+    for (; length > 0; --length) hash = hash * 31 + static_cast<unsigned char>(*text++);
+    return hash;
+}
+
+// The hash modulo the bucket count: the fraction of hash / count, times count. Exact for 32 bits,
+// and far cheaper than a division.
+std::size_t TKdsDictionary::BucketOf(const char* text, std::int32_t length) const {
+    if (fBuckets.empty()) throw EDivByZero(u"A dictionary of no buckets");
+    if (fBuckets.size() == 1) return 0;
+    const std::uint64_t fraction = fReciprocal * HashOf(text, length);
+    return static_cast<std::size_t>((static_cast<TWide>(fraction) * fBuckets.size()) >> 64);
+}
+
+THashItem** TKdsDictionary::Find(const char* text, std::int32_t length) {
+    THashItem** link = &fBuckets[BucketOf(text, length)];
+    const auto size = static_cast<std::size_t>(std::max(length, 0));
+    for (; *link != nullptr; link = &(*link)->Next) {
+        const std::string_view key = (*link)->Key.View();
+        if (key.size() == size && SameAsFarAsZero(key.data(), text, size)) break;
+    }
+    return link;
+}
+
+void TKdsDictionary::Add(const TAnsiString& text) {
+    THashItem*& head = fBuckets[BucketOf(text.View().data(), text.Size())];
+    head = new THashItem{head, text};
+    fStringMemory = Wrapped(static_cast<std::uint32_t>(fStringMemory) + TextMemory(text));
+    fCount = Wrapped(static_cast<std::uint32_t>(fCount) + 1);
+}
+
+void TKdsDictionary::Remove(THashItem** link) noexcept {
+    THashItem* const item = *link;
+    if (item == nullptr) return;
+    *link = item->Next;
+    fStringMemory = Wrapped(static_cast<std::uint32_t>(fStringMemory) - TextMemory(item->Key));
+    fCount = Wrapped(static_cast<std::uint32_t>(fCount) - 1);
+    delete item;
+}
+
+// QUIRK: the count stays, so that Memory tells of items that are gone.
+void TKdsDictionary::Clear() noexcept {
+    for (THashItem*& head : fBuckets) {
+        while (head != nullptr) delete std::exchange(head, head->Next);
+    }
+    fStringMemory = 0;
+}
+
+std::int32_t TKdsDictionary::Memory() const noexcept {
+    return Wrapped(Size() * std::uint32_t{sizeof(void*)} +
+                   static_cast<std::uint32_t>(fCount) * std::uint32_t{ItemMemory} +
+                   static_cast<std::uint32_t>(fStringMemory));
+}
+
+void TKdsDictionary::Drop() noexcept {
+    fDropped = true;
+    Clear();
+}
+
+bool TKdsDictionary::IsConsistent() const noexcept {
+    std::uint32_t memory = 0;
+    for (std::size_t bucket = 0; bucket < fBuckets.size(); ++bucket) {
+        for (const THashItem* item = fBuckets[bucket]; item != nullptr; item = item->Next) {
+            const std::string_view key = item->Key.View();
+            const auto length = static_cast<std::int32_t>(key.size());
+            if (HashOf(key.data(), length) % fBuckets.size() != bucket) return false;
+            memory += TextMemory(item->Key);
+        }
+    }
+    return memory == static_cast<std::uint32_t>(fStringMemory);
+}
+
+// ---- TKdsStringManager --------------------------------------------------------------------
+
+namespace {
+
+TKdsDictionary* Usable(const TIntf<TKdsDictionary>& cached) noexcept {
+    return cached && !cached->Dropped() ? cached.Get() : nullptr;
+}
+
+}  // namespace
+
+// By name. Never makes one, so that giving a string back cannot fail.
+TKdsDictionary* TKdsStringManager::FindDictionary(const TKdsColumn* column) const noexcept {
+    if (column->fDictionary.empty()) return nullptr;
+    const std::u16string_view name = ReadSpecification(column->fDictionary).Name;
+    auto* const found = static_cast<TKdsDictionary*>(fDictionaries.FindObject(name));
+    column->fVocabulary = TIntf<TKdsDictionary>(found);
+    return found;
+}
+
+TKdsDictionary* TKdsStringManager::GetDictionary(const TKdsColumn* column) {
+    if (TKdsDictionary* const cached = Usable(column->fVocabulary)) return cached;
+    TKdsDictionary* const found = FindDictionary(column);
+    if (found != nullptr || column->fDictionary.empty()) return found;
+    const auto [name, bucketCount] = ReadSpecification(column->fDictionary);
+    TIntf<TKdsDictionary> made = MakeIntf<TKdsDictionary>(bucketCount);
+    fDictionaries.Add(name, made.Get());
+    made->Retain();  // the list's share
+    column->fVocabulary = std::move(made);
+    return column->fVocabulary.Get();
+}
+
+TAnsiString TKdsStringManager::ReferString(const TKdsColumn* column, std::string_view text) {
+    TKdsDictionary* const dictionary = GetDictionary(column);
+    if (dictionary == nullptr) return TAnsiString(text);
+    const THashItem* const item =
+        *dictionary->Find(text.data(), static_cast<std::int32_t>(text.size()));
+    if (item != nullptr) return item->Key;
+    TAnsiString made(text);
+    dictionary->Add(made);
+    return made;
+}
+
+// The variable and the pool: nobody else holds the text. Two records may hold one that a dropped
+// dictionary had; what the pool has now under the same text is not that one and stays.
+void TKdsStringManager::ClearString(const TKdsColumn* column, TAnsiString& text) noexcept {
+    if (text.Empty()) return;
+    if (text.RefCount() == 2) {
+        TKdsDictionary* dictionary = Usable(column->fVocabulary);
+        if (dictionary == nullptr) dictionary = FindDictionary(column);
+        if (dictionary != nullptr && dictionary->Size() > 0) {
+            THashItem** const link = dictionary->Find(text);
+            if (*link != nullptr && (*link)->Key.SameInstance(text)) dictionary->Remove(link);
+        }
+    }
     text = TAnsiString();
+}
+
+void TKdsStringManager::Clear() noexcept {
+    for (std::int32_t i = 0; i < fDictionaries.Count(); ++i) {
+        TKdsDictionary* const dictionary = GetDictionaryList(i);
+        dictionary->Drop();
+        dictionary->Release();
+    }
+    fDictionaries.Clear();
+}
+
+TKdsDictionary* TKdsStringManager::GetDictionaryList(std::int32_t index) const {
+    return static_cast<TKdsDictionary*>(fDictionaries.Objects(index));
 }
 
 }  // namespace kds

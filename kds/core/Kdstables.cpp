@@ -93,7 +93,21 @@ void TKdsTable::SetStorageFactory(TIntf<IKdsStorageFactory> factory) {
     fStorageFactory = std::move(factory);
 }
 
-TKdsStringManager* TKdsTable::Strings() const noexcept { return fStrings.get(); }
+TKdsStringManager* TKdsTable::Strings() const noexcept {
+    return fStore != nullptr ? fStore->Strings() : fStrings.get();
+}
+
+void TKdsTable::EnterStore(TKdsStore* store) noexcept {
+    fStore = store;
+    ForgetVocabularies();
+    fStrings->Clear();
+}
+
+void TKdsTable::ForgetVocabularies() noexcept {
+    const std::size_t locators = fLocator != nullptr ? 1 : 0;
+    if (fColumns == nullptr || fRecords->Count() > 0 || fDetached.size() > locators) return;
+    for (const TKdsColumn* const column : *fColumns) column->fVocabulary = nullptr;
+}
 
 void TKdsTable::SetOptions(TKdsTableOptions value) {
     if (value == fOptions) return;

@@ -115,6 +115,7 @@ public:
     [[nodiscard]] TKdsTableRecordList* Records() const noexcept { return fRecords.get(); }
     [[nodiscard]] TKdsViewList* Views() const noexcept { return fViews.get(); }
     [[nodiscard]] TKdsStore* Store() const noexcept { return fStore; }
+    // The store's pool of texts, shared by its tables; outside a store the table's own.
     [[nodiscard]] TKdsStringManager* Strings() const noexcept;
     [[nodiscard]] const std::u16string& Caption() const noexcept { return fCaption; }
     void SetCaption(std::u16string_view value) { fCaption = value; }
@@ -305,6 +306,12 @@ private:
     void ExpandBuffer(std::byte*& buffer);
     void RetainReferences(const std::byte* buffer) noexcept;
     void ReleaseReferences(std::byte* buffer) noexcept;
+    // ---- Texts in the pool ----
+    // Rows that bring their texts along keep them; what is written from now on is the store's.
+    void EnterStore(TKdsStore* store) noexcept;
+    // The columns look their dictionaries up again. Not while there are rows, whose texts must go
+    // back to where they came from: a table that has left its store may still hold that one's.
+    void ForgetVocabularies() noexcept;
     // ---- Detached rows ----
     void Track(TKdsRecord* record);
     void ReserveTrack() {

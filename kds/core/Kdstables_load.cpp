@@ -96,7 +96,7 @@ void TKdsTable::ReleaseReferences(std::byte* buffer) noexcept {
         if (!slot.HasValue(buffer)) continue;
         if (slot.Kind == skMemo) {
             TAnsiString text = TAnsiString::Attach(LoadRaw<void*>(buffer + slot.Offset));
-            fStrings->ClearString(fColumns->GetItem(column), text);
+            Strings()->ClearString(fColumns->GetItem(column), text);
         } else if (auto* const intf = LoadRaw<IInterface*>(buffer + slot.Offset)) {
             intf->Release();
         }
@@ -158,6 +158,11 @@ TOwned<TKdsRecord> TKdsTable::TakeLocator() {
 
 void TKdsTable::GiveLocator(TOwned<TKdsRecord>&& locator) noexcept {
     DropLocator();
+    if (!Layout().ReferenceColumns().empty() && locator->fTable != nullptr) {
+        // The pool need not keep what was sought.
+        ReleaseReferences(locator->fBuffer.Proposed);
+        std::memset(locator->fBuffer.Proposed, 0, static_cast<std::size_t>(Layout().NullBytes()));
+    }
     fLocator = std::move(locator);
 }
 
@@ -262,6 +267,7 @@ void TKdsTable::Clear() {
     });
     errors.Run([&] { LeaveLoad(); });
     bracket.Close(errors);
+    ForgetVocabularies();
     errors.Rethrow();
 }
 
