@@ -70,14 +70,9 @@ void TKdsView::ChangeOption(TKdsViewLocking locked, F&& store) {
     TKdsTravelGuard guard;  // links hear of it, and may end the view
     store();
     if (fTable != nullptr) fTable->ViewsChanged();
-    if (!fActual) {
-        Update();
-        return;
-    }
-    const TKdsViewLockings previous = fLocking;
-    fLocking.Include(locked);
-    TScopeGuard unlock([&] { fLocking = previous; });
-    Refresh();
+    const bool wasBuilt = fActual;
+    const TLockScope lock(this, {locked});
+    wasBuilt ? Refresh() : Update();
 }
 
 void TKdsView::SetFilter(std::u16string_view text) {

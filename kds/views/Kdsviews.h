@@ -323,6 +323,26 @@ private:
         std::int32_t New = -1;
     };
 
+    // A rebuild in which these are unchanged. When a link that hears of it on the way rebuilds the
+    // view for another reason, only what is unchanged for both reasons is, for both rebuilds.
+    class TLockScope {
+    public:
+        TLockScope(TKdsView* view, TKdsViewLockings unchanged) noexcept : fView(view) {
+            const bool isFirst = view->fLockScopes++ == 0;
+            // A view that is not built has nothing to keep.
+            if (isFirst && view->fActual) view->fLocking = unchanged;
+            if (!isFirst) view->fLocking = view->fLocking & unchanged;
+        }
+        ~TLockScope() {
+            if (--fView->fLockScopes == 0) fView->fLocking = {};
+        }
+        TLockScope(const TLockScope&) = delete;
+        TLockScope& operator=(const TLockScope&) = delete;
+
+    private:
+        TKdsView* fView;
+    };
+
     void CheckGuards() const;
     [[noreturn]] static void RaiseForeign();
     void ReserveLink();
@@ -393,6 +413,7 @@ private:
     std::u16string fOrderBy;
     std::u16string fRenamedOrder;  // what it becomes when a column's new name stands
     TKdsViewLockings fLocking;
+    std::int32_t fLockScopes = 0;
     TKdsViewOptions fOptions;
     TKdsViewReason fReason = vrCustom;
     bool fRebuilds = false;

@@ -160,6 +160,7 @@ void TKdsView::CheckDistinct() {
 }
 
 bool TKdsView::IsConsistent() {
+    Freshen();  // what has changed in other tables may wait
     if (!fActual) return true;
     if (!fStorage->IsConsistent()) return false;
     if (fLastRow != nullptr && (Count() == 0 || ItemAt(Count() - 1) != fLastRow)) return false;
