@@ -155,19 +155,20 @@ TEST(TExpressionBoundsTest, NestingEndsAtItsLimitAndLengthDoesNot) {
         return all.substr(0, all.find('@'));
     };
     EXPECT_EQ(outcome(Repeated(u"(", 256) + u"1" + Repeated(u")", 256)), "1");
-    for (const std::u16string_view link : {u"(", u"NOT ", u"- ", u"2 ** ", u"ABS(", u"CASE ", u"~"}) {
+    for (const std::u16string_view link :
+         {u"(", u"NOT ", u"- ", u"2 ** ", u"ABS(", u"CASE ", u"~"}) {
         EXPECT_EQ(outcome(Repeated(link, 257) + u"1"), "!InvalidExpression") << ToUtf8(link);
         EXPECT_EQ(outcome(Repeated(link, 100'000) + u"1"), "!InvalidExpression") << ToUtf8(link);
     }
-    for (const auto& [part, expected] : std::initializer_list<std::pair<const char16_t*, const char*>>{
-             {u"Id + ", "!"},
+    for (const auto& [part, expected] :
+         std::initializer_list<std::pair<const char16_t*, const char*>>{
+             {u"Id + ", "1400007"},
              {u"Id <> 7 OR ", "TRUE"},
-             {u"Missing = 1 OR Id = 3 OR Id = 4 OR Id = 5 XOR ", "!"},
+             {u"Missing = 1 OR Id = 3 OR Id = 4 OR Id = 5 XOR ", "NULL"},
              {u"Id = 7 AND ", "TRUE"},
              {u"Name || ", "!InvalidFunctionArguments"}}) {
         const std::string result = outcome(Repeated(part, 200'000) + u"Id");
-        if (expected != std::string_view("!")) EXPECT_EQ(result, expected) << ToUtf8(part);
-        EXPECT_FALSE(result.empty());
+        EXPECT_TRUE(result.starts_with(expected)) << ToUtf8(part) << result;
     }
     EXPECT_EQ(outcome(u"'" + Repeated(u"a", 100'000) + u"' LIKE '" + Repeated(u"%a", 4000) + u"b'"),
               "FALSE");
@@ -179,11 +180,12 @@ TEST(TExpressionBoundsTest, AnyTextIsAnErrorOrAValue) {
     std::mt19937 random(seed);
     const auto row = ExampleRow();
     const std::u16string_view parts[] = {
-        u"Id",   u"Name", u"Code", u"Price", u"Fee",  u"Made", u"Note", u"(",    u")",   u",",
-        u"1",    u"2.5",  u"'a'",  u"'5'",   u"NULL", u"+",    u"-",    u"*",    u"/",   u"**",
-        u"||",   u"=",    u"<",    u"AND",   u"OR",   u"NOT",  u"IN",   u"LIKE", u"IS",  u"BETWEEN",
-        u"CASE", u"WHEN", u"THEN", u"ELSE",  u"END",  u"IIF(", u"MAX(", u"#",    u"[",   u"MOD",
-        u"\xD800", u"^",  u"&",    u">>",    u"~",    u"XOR",  u"NVL(", u"DECODE(", u"SUBSTR(", u"1e9"};
+        u"Id",   u"Name", u"Code",    u"Price",   u"Fee",    u"Made", u"Note", u"(",   u")",
+        u",",    u"1",    u"2.5",     u"'a'",     u"'5'",    u"NULL", u"+",    u"-",   u"*",
+        u"/",    u"**",   u"||",      u"=",       u"<",      u"AND",  u"OR",   u"NOT", u"IN",
+        u"LIKE", u"IS",   u"BETWEEN", u"CASE",    u"WHEN",   u"THEN", u"ELSE", u"END", u"IIF(",
+        u"MAX(", u"#",    u"[",       u"MOD",     u"\xD800", u"^",    u"&",    u">>",  u"~",
+        u"XOR",  u"NVL(", u"DECODE(", u"SUBSTR(", u"1e9"};
     for (std::int64_t step = 0; step < support::Steps(6000); ++step) {
         std::u16string text;
         for (std::size_t count = random() % 12; count > 0; --count) {
@@ -200,23 +202,51 @@ TEST(TExpressionBoundsTest, AnyTextIsAnErrorOrAValue) {
 // and general evaluation agree, and both ways round.
 TEST(TExpressionRawTest, ComparisonsOnBuffersAgreeWithTheGeneralOnes) {
     const auto row = ExampleRow();
-    const std::u16string_view constants[] = {
-        u"7", u"-5", u"6.5", u"7.0", u"7e0", u"6.999e0", u"1e300", u"-1e300", u"0.1", u"0.1e0",
-        u"1/3", u"2.5", u"2.50001", u"9223372036854775807", u"1.25", u"TRUE", u"FALSE", u"NULL",
-        u"'7'", u"' -5 '", u"'bx-20'", u"'BX-20'", u"'Brass bolt'", u"'Brass bolu'", u"''",
-        u"#2024-02-29#", u"#2024-02-29T12:30:00#", u"#12:30:00#", u"'2024-02-29'", u"60000"};
+    const std::u16string_view constants[] = {u"7",
+                                             u"-5",
+                                             u"6.5",
+                                             u"7.0",
+                                             u"7e0",
+                                             u"6.999e0",
+                                             u"1e300",
+                                             u"-1e300",
+                                             u"0.1",
+                                             u"0.1e0",
+                                             u"1/3",
+                                             u"2.5",
+                                             u"2.50001",
+                                             u"9223372036854775807",
+                                             u"1.25",
+                                             u"TRUE",
+                                             u"FALSE",
+                                             u"NULL",
+                                             u"'7'",
+                                             u"' -5 '",
+                                             u"'bx-20'",
+                                             u"'BX-20'",
+                                             u"'Brass bolt'",
+                                             u"'Brass bolu'",
+                                             u"''",
+                                             u"#2024-02-29#",
+                                             u"#2024-02-29T12:30:00#",
+                                             u"#12:30:00#",
+                                             u"'2024-02-29'",
+                                             u"60000"};
     int compared = 0;
     for (const auto& column : row->Columns) {
         for (const std::u16string_view constant : constants) {
             for (const std::u16string_view op : {u"=", u"<>", u"<", u"<=", u">", u">="}) {
                 const std::u16string name = ToExpressionName(column.Name);
-                const std::u16string text = name + u" " + std::u16string(op) + u" " + std::u16string(constant);
+                const std::u16string text =
+                    name + u" " + std::u16string(op) + u" " + std::u16string(constant);
                 const std::string outcome = OutcomeOfAllWays(text, row);
-                ASSERT_EQ(outcome.find(" | "), std::string::npos) << ToUtf8(text) << ": " << outcome;
+                ASSERT_EQ(outcome.find(" | "), std::string::npos)
+                    << ToUtf8(text) << ": " << outcome;
                 compared += outcome == "TRUE" || outcome == "FALSE" ? 1 : 0;
             }
-            const std::u16string list = ToExpressionName(column.Name) + u" IN (" + std::u16string(constant) +
-                                        u", " + std::u16string(constant) + u", NULL)";
+            const std::u16string list = ToExpressionName(column.Name) + u" IN (" +
+                                        std::u16string(constant) + u", " +
+                                        std::u16string(constant) + u", NULL)";
             const std::string outcome = OutcomeOfAllWays(list, row);
             ASSERT_EQ(outcome.find(" | "), std::string::npos) << ToUtf8(list) << ": " << outcome;
         }
@@ -236,7 +266,8 @@ TEST(TExpressionRawTest, FetchesAColumnAtMostOnceARow) {
     evaluator->SetPosition({});
     EXPECT_EQ(evaluator->Test(), 1);
     EXPECT_EQ(row->Fetches, 3);
-    const std::vector<std::int32_t> columns(evaluator->Columns().begin(), evaluator->Columns().end());
+    const std::vector<std::int32_t> columns(evaluator->Columns().begin(),
+                                            evaluator->Columns().end());
     EXPECT_EQ(columns, (std::vector<std::int32_t>{0, 4}));
 }
 
@@ -304,12 +335,35 @@ TEST(TExpressionLiteralTest, CompilesBackToAnEqualValueOfEveryKind) {
     const std::uint32_t seed = support::Seed();
     SCOPED_TRACE(testing::Message() << "repeat with KDS_TEST_SEED=" << seed);
     std::mt19937_64 random(seed);
-    std::vector<TVariant> values = {
-        Null, true, false, 0, -1, INT64_MIN, INT64_MAX, std::uint64_t{5}, 0.1, -0.0, 1e300, 5e-324,
-        0.1F, TExtended{1.0 / 3}, TCurrency{INT64_MIN}, TCurrency{-12'345}, TDecimalParts{5, 0},
-        TDecimalParts{INT64_MAX, 18}, TDecimalParts{7, -3}, TDecimalParts{3, 40}, u"", u"it's",
-        std::u16string(u"a\0\r\n\xD800 b", 7), TAnsiString("\xFF\x80 bytes"), u"Ґрунт 𝄞",
-        VarToDateTime(u"2024-02-29T23:59:59"), TDateTime{-1.25}, TDateTime{0.5}, TDateTime{0}};
+    std::vector<TVariant> values = {Null,
+                                    true,
+                                    false,
+                                    0,
+                                    -1,
+                                    INT64_MIN,
+                                    INT64_MAX,
+                                    std::uint64_t{5},
+                                    0.1,
+                                    -0.0,
+                                    1e300,
+                                    5e-324,
+                                    0.1F,
+                                    TExtended{1.0 / 3},
+                                    TCurrency{INT64_MIN},
+                                    TCurrency{-12'345},
+                                    TDecimalParts{5, 0},
+                                    TDecimalParts{INT64_MAX, 18},
+                                    TDecimalParts{7, -3},
+                                    TDecimalParts{3, 40},
+                                    u"",
+                                    u"it's",
+                                    std::u16string(u"a\0\r\n\xD800 b", 7),
+                                    TAnsiString("\xFF\x80 bytes"),
+                                    u"Ґрунт 𝄞",
+                                    VarToDateTime(u"2024-02-29T23:59:59"),
+                                    TDateTime{-1.25},
+                                    TDateTime{0.5},
+                                    TDateTime{0}};
     for (int i = 0; i < 2000; ++i) {
         double number = std::bit_cast<double>(random());
         if (std::isfinite(number)) values.emplace_back(number);
@@ -338,7 +392,8 @@ TEST(TExpressionLiteralTest, CompilesBackToAnEqualValueOfEveryKind) {
     }
     EXPECT_EQ(ToUtf8(ToExpressionName(u"Order [1]")), "[Order [1]]]");
     EXPECT_EQ(ToUtf8(ToExpressionName(u"like")), "[like]");
-    EXPECT_THROW(static_cast<void>(ToLiteral(std::numeric_limits<double>::infinity())), EConvertError);
+    EXPECT_THROW(static_cast<void>(ToLiteral(std::numeric_limits<double>::infinity())),
+                 EConvertError);
 }
 
 // ---- exact comparison ---------------------------------------------------------------------

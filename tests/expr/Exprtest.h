@@ -37,7 +37,8 @@ public:
         const TExprRawPlace& place = Columns[index].Known.Place;
         std::byte* const data = fBytes.data() + place.Offset;
         const auto nulls = LoadRaw<std::uint32_t>(fBytes.data());
-        StoreRaw(fBytes.data(), value.Assigned() ? nulls | place.NullMask : nulls & ~place.NullMask);
+        StoreRaw(fBytes.data(),
+                 value.Assigned() ? nulls | place.NullMask : nulls & ~place.NullMask);
         Columns[index].Value = value;
         if (value.Assigned()) Store(place, value, data);
     }
@@ -86,9 +87,10 @@ private:
             case rwCurrency: return StoreRaw(data, VarToCurrency(value).Scaled);
             case rwDateTime: return StoreRaw(data, VarToDateTime(value).Days);
             case rwDate:
-                return StoreRaw(data, SplitDateTime(VarToDateTime(value).Days).Day +
-                                          DayNumberOfEpoch);
-            case rwTime: return StoreRaw(data, SplitDateTime(VarToDateTime(value).Days).Milliseconds);
+                return StoreRaw(data,
+                                SplitDateTime(VarToDateTime(value).Days).Day + DayNumberOfEpoch);
+            case rwTime:
+                return StoreRaw(data, SplitDateTime(VarToDateTime(value).Days).Milliseconds);
             case rwFixed:
                 StoreRaw(data, VarToFixed(value).Value);
                 return StoreRaw(data + 8, VarToFixed(value).Scale);
