@@ -84,7 +84,7 @@ void AddMonths(TExprCall& call) { MoveMonths(call, 1); }
 void AddYears(TExprCall& call) { MoveMonths(call, 12); }
 
 void DaysBetween(TExprCall& call) {
-    call.AnswerWhole(std::trunc(LinearDays(call.Arg(1).Float) - LinearDays(call.Arg(0).Float)));
+    call.AnswerWhole(std::trunc(DaysApart(call.Arg(1).Float, call.Arg(0).Float)));
 }
 void LastDay(TExprCall& call) {
     const TDayTime parts = PartsOf(call);

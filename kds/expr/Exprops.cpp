@@ -87,7 +87,7 @@ namespace {
 [[nodiscard]] TExprSlot DateSum(TExprOp op, const TExprSlot& a, const TExprSlot& b) {
     const bool dates = a.Kind == ekDate && b.Kind == ekDate;
     if (dates && op == opSubtract) {
-        return FiniteFloat(LinearDays(a.Float) - LinearDays(b.Float));
+        return TExprSlot::OfFloat(DaysApart(a.Float, b.Float));
     }
     const TExprSlot& date = a.Kind == ekDate ? a : b;
     const TExprSlot& days = a.Kind == ekDate ? b : a;

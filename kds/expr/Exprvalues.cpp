@@ -370,6 +370,14 @@ double LinearDays(double days) noexcept {
     return parts.Day + static_cast<double>(parts.Milliseconds) / MillisecondsPerDay;
 }
 
+double DaysApart(double a, double b) noexcept {
+    const TDayTime x = SplitDateTime(a);
+    const TDayTime y = SplitDateTime(b);
+    const std::int64_t apart =
+        (std::int64_t{x.Day} - y.Day) * MillisecondsPerDay + x.Milliseconds - y.Milliseconds;
+    return static_cast<double>(apart) / MillisecondsPerDay;
+}
+
 bool IsCalendarDay(double day) noexcept {
     constexpr double first = 1 - DayNumberOfEpoch;
     constexpr double last = 2'958'465;  // 9999-12-31

@@ -158,6 +158,8 @@ private:
 [[nodiscard]] std::int64_t DateKey(double days) noexcept;
 // Days on an even scale, on which -1.25 lies three quarters of a day before the epoch, and back.
 [[nodiscard]] double LinearDays(double days) noexcept;
+// a less b, exact to the millisecond.
+[[nodiscard]] double DaysApart(double a, double b) noexcept;
 [[nodiscard]] TExprSlot DateOfLinear(double linear) noexcept;  // null outside the calendar
 [[nodiscard]] bool IsCalendarDay(double day) noexcept;         // of the years 1 to 9999
 
