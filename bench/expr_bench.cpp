@@ -108,8 +108,7 @@ std::int64_t CountOurs(const std::string& text, std::size_t rows) {
     const auto evaluator = MakeExpressionParser()->Parse(ToUtf16(text), Rows());
     std::int64_t count = 0;
     for (std::size_t i = 0; i < rows; ++i) {
-        evaluator->SetPosition({Rows()->Row(i), erPosted});
-        count += evaluator->Test() > 0 ? 1 : 0;
+        count += evaluator->TestAt({Rows()->Row(i), erPosted}) > 0 ? 1 : 0;
     }
     return count;
 }
@@ -149,8 +148,7 @@ void ChainEvaluate(benchmark::State& state) {
         MakeExpressionParser()->Parse(ToUtf16(Chain(static_cast<int>(state.range(0)))), Rows());
     for (auto _ : state) {
         for (std::size_t i = 0; i < FewRows; ++i) {
-            evaluator->SetPosition({Rows()->Row(i), erPosted});
-            benchmark::DoNotOptimize(evaluator->Test());
+            benchmark::DoNotOptimize(evaluator->TestAt({Rows()->Row(i), erPosted}));
         }
     }
     state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(FewRows));

@@ -142,6 +142,10 @@ public:
     // The result as a truth: 1 accepts, 0 rejects, -1 is null.
     [[nodiscard]] virtual int Test() = 0;
 
+    // SetPosition and Test in one call: what a filter asks of every row. The position is good for
+    // this call only.
+    [[nodiscard]] virtual int TestAt(TExprPosition position) = 0;
+
     // What CircularReference calls it; the text of the expression unless it was named.
     virtual void SetName(std::u16string_view name) = 0;
     [[nodiscard]] virtual const std::u16string& Text() const noexcept = 0;

@@ -4,6 +4,7 @@
 #include <type_traits>
 
 #include "kds/expr/Exprcompiler.h"
+#include "kds/fixed/Powers.h"
 #include "kds/platform/Clock.h"
 
 namespace kds {
@@ -145,6 +146,15 @@ private:
             fSlots[step.Dst] = TExprSlot::OfBoolean(Holds(step.Op, order));
             return;
         }
+        // Integers of up to 53 bits are floats without loss.
+        constexpr std::uint64_t exact = std::uint64_t{1} << 53;
+        if (fSpecialise && a.Kind == ekInteger && b.Kind == ekFloat &&
+            Magnitude(a.Integer) <= exact) {
+            const auto value = static_cast<double>(a.Integer);
+            const int order = (value > b.Float) - (value < b.Float);
+            fSlots[step.Dst] = TExprSlot::OfBoolean(Holds(step.Op, order));
+            return;
+        }
         fSlots[step.Dst] = ApplyCompare(step.Op, a, b, step.How());
     }
     void Raw(const TExprInstruction& step) {
@@ -238,7 +248,13 @@ public:
           fPure(tree.IsPure()),
           fReadsClock(tree.ReadsClock()),
           fSpecialise(specialise) {
-        for (const TExprTree::TColumn& column : fProgram.Columns) fColumns.push_back(column.Index);
+        fIsClosed = fTyped != nullptr && fProgram.Calls.empty() && !fProgram.Code.empty();
+        for (const TExprTree::TColumn& column : fProgram.Columns) {
+            fColumns.push_back(column.Index);
+            fIsClosed = fIsClosed && column.Known.Place.Kind != rwNone;
+        }
+        fIsComparison = fIsClosed && fProgram.Code.front().Code == cdRaw &&
+                        fProgram.Code.front().Extra == fProgram.Code.size();
     }
 
     void SetPosition(TExprPosition position) override {
@@ -253,6 +269,18 @@ public:
         return Run([](const TExprSlot& result) { return Truth(result); });
     }
 
+    [[nodiscard]] int TestAt(TExprPosition position) override {
+        if (fIsComparison) {
+            const std::byte* const buffer = fTyped->Buffer(position);
+            if (buffer != nullptr) {
+                TExprArena& scratch = Frame().Temporary;
+                scratch.Reset();
+                return fProgram.RawCompares.front().Test(buffer, scratch);
+            }
+        }
+        SetPosition(position);
+        return Test();
+    }
     void SetName(std::u16string_view name) override { fName = name; }
     [[nodiscard]] const std::u16string& Text() const noexcept override { return fText; }
     [[nodiscard]] std::span<const std::int32_t> Columns() const noexcept override {
@@ -264,18 +292,23 @@ public:
 
 private:
     struct TBusy {
-        explicit TBusy(std::size_t& busy) noexcept : Busy(busy) {
+        TBusy(std::size_t& busy, int& depth) noexcept : Busy(busy), Depth(depth) {
             ++Busy;
-            ++nesting;
+            ++Depth;
         }
         ~TBusy() {
             --Busy;
-            --nesting;
+            --Depth;
         }
         TBusy(const TBusy&) = delete;
         TBusy& operator=(const TBusy&) = delete;
         std::size_t& Busy;
+        int& Depth;
     };
+
+    [[nodiscard]] TExprSlot RunClosed(TExprFrame& frame) {
+        return TRunner(fProgram, frame, fProvider.Get(), fTyped, fSpecialise).Run();
+    }
 
     // The first frame that is not busy.
     TExprFrame& Frame() {
@@ -289,12 +322,15 @@ private:
     template <typename F>
     std::invoke_result_t<F&, const TExprSlot&> Run(F&& answer) {
         TExprFrame& frame = Frame();
-        if (nesting >= DeepestNesting) RaiseCircular();
+        frame.Temporary.Reset();
+        // Nothing that such a program reads can lead back here.
+        if (fIsClosed && frame.Buffer != nullptr) return answer(RunClosed(frame));
+        int& depth = nesting;
+        if (depth >= DeepestNesting) RaiseCircular();
         for (std::size_t i = 0; i < fBusy; ++i) {
             if (fFrames[i]->Position == frame.Position) RaiseCircular();
         }
-        const TBusy busy(fBusy);
-        frame.Temporary.Reset();
+        const TBusy busy(fBusy, depth);
         frame.HasClock = false;
         return answer(RunExpression(fProgram, frame, fProvider.Get(), fTyped, fSpecialise));
     }
@@ -312,6 +348,8 @@ private:
     bool fPure;
     bool fReadsClock;
     bool fSpecialise;
+    bool fIsClosed = false;      // reads stored columns and calls nothing
+    bool fIsComparison = false;  // one comparison on the buffer, which needs no slots at all
     std::vector<std::unique_ptr<TExprFrame>> fFrames;
     std::size_t fBusy = 0;
 };

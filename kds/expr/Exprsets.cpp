@@ -85,7 +85,29 @@ void TExprSet::Add(const TExprSlot& value) {
     }
 }
 
+bool TExprSet::BuildBits() {
+    if (fKind > ekInteger) return false;
+    std::vector<std::int64_t> values;
+    for (const TExprSlot& value : fValues) {
+        const TExprSlot normal = Normal(value);
+        if (!normal.IsNull()) values.push_back(normal.Integer);
+    }
+    if (values.empty()) return false;
+    const auto [least, most] = std::ranges::minmax(values);
+    fRange = static_cast<std::uint64_t>(most) - static_cast<std::uint64_t>(least);
+    if (fRange >= 4096 && fRange / 64 >= values.size()) return false;
+    fFirst = least;
+    fBits.assign(fRange / 64 + 1, 0);
+    for (const std::int64_t value : values) {
+        const std::uint64_t bit =
+            static_cast<std::uint64_t>(value) - static_cast<std::uint64_t>(fFirst);
+        fBits[bit / 64] |= std::uint64_t{1} << (bit % 64);
+    }
+    return true;
+}
+
 void TExprSet::Build() {
+    if (BuildBits()) return;
     fTable.assign(std::bit_ceil(fValues.size() * 2 + 1), {});
     fMask = fTable.size() - 1;
     for (const TExprSlot& value : fValues) {
@@ -113,6 +135,16 @@ bool TExprSet::Search(const TExprSlot& value) const {
 
 TExprSlot TExprSet::Contains(const TExprSlot& value) const {
     if (value.IsNull()) return {};
+    if (!fBits.empty() && value.IsWhole()) {
+        const std::uint64_t bit =
+            static_cast<std::uint64_t>(value.Integer) - static_cast<std::uint64_t>(fFirst);
+        const bool in = bit <= fRange && (fBits[bit / 64] >> (bit % 64) & 1) != 0;
+        return in || !fHasNull ? TExprSlot::OfBoolean(in) : TExprSlot{};
+    }
+    if (!fBits.empty()) {
+        if (Search(value)) return TExprSlot::OfBoolean(true);
+        return fHasNull ? TExprSlot{} : TExprSlot::OfBoolean(false);
+    }
     const bool expected = value.Kind == fKind || (value.IsWhole() && fKind <= ekInteger);
     if (expected ? Probe(Normal(value)) : Search(value)) return TExprSlot::OfBoolean(true);
     return fHasNull ? TExprSlot{} : TExprSlot::OfBoolean(false);

@@ -1,6 +1,7 @@
 // A set of constants for IN and for chains of OR: one probe instead of one comparison each.
 //
-// Shape      Open addressing over values in a normal form of the kind of the left side; constants
+// Shape      Open addressing over values in a normal form of the kind of the left side, or bits
+//            for integers that lie close together; constants
 //            that no value of that kind equals are left out. All constants are also kept as they
 //            came, for a left side whose value turns out to be of another kind.
 // Cost       O(1) a probe.
@@ -29,6 +30,7 @@ private:
     [[nodiscard]] TExprSlot Normal(const TExprSlot& value) const noexcept;
     [[nodiscard]] std::uint64_t Hash(const TExprSlot& normal) const noexcept;
     [[nodiscard]] bool Same(const TExprSlot& a, const TExprSlot& b) const;
+    [[nodiscard]] bool BuildBits();
     [[nodiscard]] bool Probe(const TExprSlot& normal) const;
     [[nodiscard]] bool Search(const TExprSlot& value) const;
 
@@ -38,6 +40,10 @@ private:
     std::vector<TExprSlot> fValues;
     std::vector<TExprSlot> fTable;  // null: free
     std::uint64_t fMask = 0;
+    // Integers that lie close together are bits instead, counted from the smallest.
+    std::vector<std::uint64_t> fBits;
+    std::int64_t fFirst = 0;
+    std::uint64_t fRange = 0;
 };
 
 }  // namespace kds

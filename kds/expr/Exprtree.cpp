@@ -52,7 +52,7 @@ void TExprTree::Fold(TExprNodeId id) {
         const TExprSlot value = ComputeConstant(*this, id, arena);
         if (value.Kind == ekOther || (value.Kind == ekText && value.Size > LongestFolded)) return;
         SetValue(node, value);
-        if (value.Kind != ekNull) node.Type = value.Kind;
+        node.Type = value.Kind;
     } catch (const EKdsParseError& error) {
         throw EKdsParseError(error.Message(), error.Key(), node.Place);
     } catch (const std::bad_alloc&) {
@@ -153,6 +153,15 @@ TExprKind TExprTree::ArithmeticKind(TExprOp op, TExprNodeId& left, TExprNodeId& 
     if (op == opAdd && l == ekText && r == ekText) return ekText;
     ReadBesideNumber(left, r);
     ReadBesideNumber(right, l);
+    // What meets a float becomes one anyway.
+    const auto widen = [&](TExprNodeId& id, TExprNodeId other) {
+        if (TypeOf(id) != ekInteger || TypeOf(other) != ekFloat || !IsConstant(id)) return;
+        id = Replaced(id, TExprSlot::OfFloat(ToFloat(Value(fNodes[id]))), false);
+    };
+    if (op <= opDivide) {
+        widen(left, right);
+        widen(right, left);
+    }
     if (op == opDivide) return ekFloat;
     if (op == opIntDivide || op == opModulo) return ekInteger;
     const TExprKind x = TypeOf(left) == ekBoolean ? ekInteger : TypeOf(left);
@@ -226,6 +235,11 @@ void TExprTree::MatchConstant(TExprNodeId& id, TExprNodeId other) {
     const TExprKind kind = TypeOf(id);
     if (kind == ekFixed && fNodes[id].Decimal && beside == ekFloat) {
         id = Replaced(id, TExprSlot::OfFloat(ToFloat(Value(fNodes[id]))), false);
+        return;
+    }
+    if (kind == ekInteger && beside == ekFloat) {
+        const TExprSlot number = TExprSlot::OfFloat(ToFloat(Value(fNodes[id])));
+        if (CompareNumbers(number, Value(fNodes[id])) == 0) id = Replaced(id, number, false);
         return;
     }
     if (kind != ekText) return;

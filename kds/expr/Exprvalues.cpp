@@ -133,11 +133,11 @@ struct TDigits {
 
 // ---- memory ----
 
-void TExprArena::Reset() noexcept {
+void TExprArena::Empty() noexcept {
     fBlock = 0;
     fUsed = 0;
     fTotal = 0;
-    if (!fVariants.empty()) fVariants.clear();
+    fVariants.clear();
 }
 
 char* TExprArena::Allocate(std::size_t size) {
@@ -156,7 +156,7 @@ char* TExprArena::Allocate(std::size_t size) {
     }
     char* const given = fBlocks[fBlock].Bytes.get() + fUsed;
     fUsed += size;
-    fTotal += size;
+    fTotal += size + 1;  // above 0 for empty texts, too
     return given;
 }
 

@@ -110,7 +110,9 @@ inline TExprSlot TExprSlot::OfText(std::string_view text) noexcept {
 // the first ones have shown how much they need.
 class TExprArena {
 public:
-    void Reset() noexcept;
+    void Reset() noexcept {
+        if (fTotal > 0 || !fVariants.empty()) Empty();
+    }
     // At least one byte is there; `size` of them may be written.
     [[nodiscard]] char* Allocate(std::size_t size);
     [[nodiscard]] std::string_view Keep(std::string_view text);
@@ -120,6 +122,7 @@ public:
     void GiveBack(std::size_t unused) noexcept { fUsed -= unused; }
 
 private:
+    void Empty() noexcept;
     struct TBlock {
         std::unique_ptr<char[]> Bytes;
         std::size_t Size = 0;

@@ -27,7 +27,7 @@ public:
             case 0: return Pair(Integer(depth - 1), " + ", Integer(depth - 1));
             case 1: return Pair(Integer(depth - 1), " - ", Integer(depth - 1));
             case 2: return Pair(Integer(depth - 2), " * ", Pick({"2", "-1", "a"}));
-            case 3: return "(-" + Integer(depth - 1) + ")";
+            case 3: return "(- " + Integer(depth - 1) + ")";
             case 4: return "ABS(" + Integer(depth - 1) + ")";
             case 5: return "LENGTH(" + Text(depth - 1) + ")";
             case 6: return "INSTR(" + Text(depth - 1) + ", " + Text(depth - 1) + ")";

@@ -149,7 +149,10 @@ private:
         options.Specialise = specialise;
         const auto evaluator = MakeExpressionParser(options)->Parse(text, row);
         evaluator->SetPosition({row.Get(), erPosted});
-        return Shown(evaluator->Evaluate());
+        const TVariant value = evaluator->Evaluate();
+        const int truth = evaluator->Test();
+        const bool same = evaluator->TestAt({row.Get(), erPosted}) == truth;
+        return same || !evaluator->IsPure() ? Shown(value) : "Test and TestAt differ";
     } catch (const EKdsParseError& error) {
         return "!" + ToUtf8(error.Key()) + "@" + std::to_string(error.Position());
     } catch (const Exception& error) {
