@@ -53,7 +53,7 @@ public:
                     break;
                 case cdMatch: Match(step); break;
                 case cdFirst:
-                    fSlots[step.Dst] = LogicOf(fSlots[step.A]);
+                    fSlots[step.Dst] = TruthOf(fSlots[step.A]);
                     if (Decided(step)) at = step.Extra;
                     break;
                 case cdNext:
@@ -87,6 +87,9 @@ public:
 private:
     [[nodiscard]] static bool IsTrue(const TExprSlot& slot) noexcept {
         return slot.Kind == ekBoolean && slot.Integer != 0;
+    }
+    [[nodiscard]] static TExprSlot TruthOf(const TExprSlot& slot) {
+        return slot.Kind == ekBoolean ? slot : LogicOf(slot);
     }
     // A chain of AND ends at false, one of OR at true.
     [[nodiscard]] bool Decided(const TExprInstruction& step) const noexcept {
@@ -169,7 +172,7 @@ private:
             nulls ? TExprSlot::OfBoolean(true) : ApplyCompare(opEqual, a, b, step.How());
     }
     void Next(const TExprInstruction& step) {
-        const TExprSlot other = LogicOf(fSlots[step.B]);
+        const TExprSlot other = TruthOf(fSlots[step.B]);
         TExprSlot& target = fSlots[step.Dst];
         target = (step.Flags & xfOr) != 0 ? LogicOr(target, other) : LogicAnd(target, other);
     }
