@@ -3,6 +3,7 @@
 #include "kds/core/Kdserrors.h"
 #include "kds/core/Kdsstores.h"
 #include "kds/core/Kdstables.h"
+#include "kds/expr/Exprerrors.h"
 #include "kds/views/Kdsorders.h"
 
 namespace kds {
@@ -26,7 +27,7 @@ void TKdsColumn::ForeignKey(std::u16string_view tableName, std::u16string_view c
     if (!HaveSameForm(fDataType, field->DataType())) {
         KdsError(u"DataTypeMismatch", {own->Name(), Name(), master->Name(), field->Name()});
     }
-    if (field == this) KdsParserError(u"CircularReference", {Name()});
+    if (field == this) ParserError(u"CircularReference", {Name()});
     if (GetIsVirtualKey()) CheckVirtual(master, field, fLookupKind);
     if (fMasterTable == master && fMasterField == field && !fIsReference) return;
     if (fMasterTable != nullptr) KdsError(u"ColumnForeignKey", {Name(), fMasterTable->Name()});
@@ -77,7 +78,7 @@ void TKdsColumn::CheckVirtual(TKdsTable* master, TKdsColumn* field, TKdsLookupKi
 // What this column would show must not show this column.
 void TKdsColumn::CheckCircle(const TKdsColumn* shown) const {
     for (; shown != nullptr; shown = shown->LooksUp() ? shown->Shown() : nullptr) {
-        if (shown == this) KdsParserError(u"CircularReference", {Name()});
+        if (shown == this) ParserError(u"CircularReference", {Name()});
     }
 }
 

@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "kds/core/Kdsdata.h"
+#include "kds/core/Kdsprovider.h"
 #include "kds/core/Kdstables.h"
 #include "kds/platform/Datetime.h"
 #include "kds/views/Kdsevents.h"
@@ -86,6 +87,8 @@ public:
     [[nodiscard]] static TOwned<TKdsView> Create(TKdsTable* table, std::u16string_view name);
 
     // ---- Options; each rebuilds a view that is built, and does nothing when unchanged ----
+    // An expression (docs/expressions.md) over the posted values; a row belongs when it is true.
+    // EKdsParseError for a text that does not compile, and the view is as it was.
     [[nodiscard]] const std::u16string& Filter() const noexcept { return fFilter; }
     void SetFilter(std::u16string_view text);
     [[nodiscard]] const std::u16string& OrderBy() const noexcept { return fOrderBy; }
@@ -238,6 +241,12 @@ public:
     [[nodiscard]] bool Accept(TKdsRecord* record);
     void AnonymousAccept(TKdsView* view, TKdsRecord* record, bool& accept);
 
+    // How many rows the filter has raised for since the view was built; these do not belong. And
+    // what it raised first.
+    [[nodiscard]] std::int64_t FilterErrors() const noexcept { return fFilterErrors; }
+    [[nodiscard]] const std::exception_ptr& FilterError() const noexcept { return fFilterError; }
+    [[nodiscard]] bool EvaluatorAccept(TKdsRecord* record);
+
     // ---- Links ----
     void AppendLink(TKdsViewLink* link);
     void RemoveLink(TKdsViewLink* link);
@@ -271,7 +280,9 @@ public:
     // Two members, by their posted values, equal keys by row identifier.
     [[nodiscard]] std::int32_t CompareMembers(TKdsRecord* a, TKdsRecord* b,
                                               TKdsCompareOptions options);
-    [[nodiscard]] bool HasTests() const noexcept { return fOnAccept || IsFiltered(); }
+    [[nodiscard]] bool HasTests() const noexcept {
+        return fOnAccept || !fFilter.empty() || IsFiltered();
+    }
     // By the table's filters, from which the primary view is free.
     [[nodiscard]] bool IsFiltered() const noexcept {
         return fTable->HasFilters() && fTable->PrimaryView() != this;
@@ -343,6 +354,7 @@ private:
         TKdsView* fView;
     };
 
+    void CompileFilter();
     void CheckGuards() const;
     [[noreturn]] static void RaiseForeign();
     void ReserveLink();
@@ -387,6 +399,9 @@ private:
         std::uint64_t Changes;
         bool IsDirect;  // what is shown lies in this very table
     };
+    // Each step from a column of the order or the filter to what it shows in other tables.
+    template <typename F>
+    void ForSteps(F&& use) const;
     [[nodiscard]] std::vector<TSource> Sources() const;
     [[nodiscard]] bool IsFresh() const noexcept;
     void FollowOthers();
@@ -403,6 +418,10 @@ private:
     TKdsEvent fRaisedEvent;
     TKdsEvent* fEventToFire = nullptr;
     std::u16string fFilter;
+    TIntf<IExpressionEvaluator> fEvaluator;  // of the filter, while the view is built
+    std::uint32_t fFilterLayout = 0;         // of the columns that it was compiled for
+    std::int64_t fFilterErrors = 0;
+    std::exception_ptr fFilterError;
     std::intptr_t fInfo = 0;
     std::vector<TKdsViewLink*> fLinks;
     TLinkWalk* fLinkWalks = nullptr;     // that are under way, innermost first

@@ -200,7 +200,6 @@ TEST_F(TKdsColumnTest, RefusesWhatIsMissing) {
         {"A calculated expression", [&] { n->SetExpression(u"1+1"); }},
         {"A lookup filter", [&] { n->SetLookupFilter(u"x"); }},
         {"A limit of records in memory", [&] { fTable->SetMaxRecordsInMemory(10); }},
-        {"A filter expression", [&] { fTable->Select(u"n", u"n > 1"); }},
     };
     fRecorder.Lines.clear();
     for (const auto& [name, call] : missing) {

@@ -392,6 +392,7 @@ protected:
         fName = AddName(GetParam().Kind);
         fName->SetLazyLookup(GetParam().IsLazy);
         fByName = fZones->Select(u"Name desc");
+        fLate = fZones->Select({}, u"Name > 'd' AND Id <> 7", nullptr, true);
         if (GetParam().Listens) fLink.SetView(fByName);
     }
     class TCounter final : public TKdsViewLink {
@@ -417,6 +418,7 @@ protected:
     TKdsColumn* fCountry;
     TKdsColumn* fName;
     TKdsView* fByName;
+    TKdsView* fLate;
     TCounter fLink;
     int fNextZone = 0;
     int fNextCountry = 0;
@@ -519,6 +521,13 @@ void TLookupModel::Check() {
         const TVariant name = zone->GetDataC(fName);
         ASSERT_EQ(name.IsNull() ? std::nullopt : std::optional(VarToStr(name)), shown[zone]);
     }
+    std::vector<TKdsRecord*> late;
+    for (TKdsRecord* const zone : *fZones->Records()) {
+        const TVariant id = zone->RowState() == rsEditing ? zone->GetOldI(0) : zone->GetDataI(0);
+        if (shown[zone] > u"d" && id != TVariant(7)) late.push_back(zone);
+    }
+    ASSERT_EQ(fLate->Count(), static_cast<std::int32_t>(late.size()));
+    ASSERT_EQ(std::vector<TKdsRecord*>(fLate->begin(), fLate->end()), late);
     const std::u16string sought = Letter(Draw(9));
     const auto first = std::ranges::find_if(
         expected, [&](TKdsRecord* zone) { return shown[zone] == std::optional(sought); });
