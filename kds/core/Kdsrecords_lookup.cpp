@@ -1,6 +1,7 @@
 // How a reference column finds its row in another table.
 #include "kds/core/Kdsrecords.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "kds/core/Kdserrors.h"
@@ -111,16 +112,20 @@ void TKdsRecord::MarkAsUnresolved(const TKdsColumn* column, void* key) noexcept 
     SaveKey(column, {}, static_cast<std::byte*>(key));
 }
 
-// What a write of a key column stores beside it: nothing yet where a reference resolves on its
-// first read. All that follow one key column look into the same column.
-TKdsNormalLookup TKdsRecord::KeyFor(const TKdsColumn* source, const void* data, std::int32_t size) {
+// What a write of a key column stores beside it: all that follow one key column look into the same
+// column of the master. Unresolved in those that resolve on their first read, and in those whose
+// filter does not let the row pass.
+TKdsNormalLookup TKdsRecord::KeyFor(const TKdsColumn* source, const void* data, std::int32_t size,
+                                    TFollowerSet& unresolved) {
     TKdsNormalLookup key;
     const TKdsTable* const master = source->MasterTable();
     if (master == nullptr || !source->CanResolve()) return key;
     bool wanted = false;
+    bool filters = false;
     const auto want = [&](const TKdsColumn* column) {
         if (column->IsLazy()) return;
         wanted = true;
+        filters = filters || !column->LookupFilter().empty();
         if (column->Occurences().Has(coShortLookup) &&
             master->Records()->Count() > TKdsStaticLookup{}.Index) {
             KdsError(u"StaticLookupLong", {master->Name(), fTable->Name(), column->Name()});
@@ -131,7 +136,14 @@ TKdsNormalLookup TKdsRecord::KeyFor(const TKdsColumn* source, const void* data, 
          column = column->fNextFollower) {
         want(column);
     }
-    if (wanted) ResolveLookupKey(source, data, size, key);
+    if (!wanted || !ResolveLookupKey(source, data, size, key) || !filters) return key;
+    TKdsRecord* const row = master->Records()->ItemAt(key.Index);
+    for (const TKdsColumn* column = source->fFirstFollower; column != nullptr;
+         column = column->fNextFollower) {
+        if (!column->PassesLookupFilter(row)) unresolved.push_back(column);
+    }
+    // A virtual key is what its references are.
+    if (source->GetIsVirtualKey() && !unresolved.empty()) key = {};
     return key;
 }
 
@@ -150,6 +162,31 @@ TKdsRecord* TKdsRecord::RowOfKey(const TKdsColumn* column, const TKdsNormalLooku
 }
 
 // ---- Reading ------------------------------------------------------------------------------
+
+// Where a key leads astray. The row that it meant may only have another place now, and is then
+// right whatever the lookup filter says; any other row is one that is found anew.
+bool TKdsRecord::FindMaster(const TKdsColumn* column, const TKdsValue& value,
+                            TKdsNormalLookup& key) {
+    TKdsTableRecordList* const rows = column->MasterTable()->Records();
+    if (!column->LookupFilter().empty() && key.RowID != NoRowID) {
+        TKdsRecord* const row = rows->FindRowID(key.RowID);
+        if (row != nullptr &&
+            HoldsKey(row, column->MasterField(), value.Data, value.Size, KeyRule(column))) {
+            key = KeyOf(row);
+            return true;
+        }
+    }
+    key = {};
+    if (!ResolveLookupKey(column, value.Data, value.Size, key)) return false;
+    bool passes = false;
+    try {
+        passes = column->PassesLookupFilter(rows->ItemAt(key.Index));
+    } catch (const EKdsError&) {
+        // A filter for columns that have gone: the next write tells.
+    }
+    if (!passes) key = {};
+    return passes;
+}
 
 TKdsRecord* TKdsRecord::MasterRow(const TKdsColumn* column, TKdsReading reading, bool& hasKey) {
     hasKey = false;
@@ -172,8 +209,7 @@ TKdsRecord* TKdsRecord::MasterRow(const TKdsColumn* column, TKdsReading reading,
     TKdsNormalLookup key;
     if (slot.HasValue(buffer)) key = LoadKey(column, buffer + slot.Offset);
     if (!IsValidReference(column, key, value.Data, value.Size)) {
-        key = {};
-        if (!ResolveLookupKey(column, value.Data, value.Size, key)) return nullptr;
+        if (!FindMaster(column, value, key)) return nullptr;
         // The first read of a lazy column writes what it has found, where only this thread reads.
         if (column->IsLazy() && slot.HasValue(buffer) && !InParallelSort &&
             (!column->Occurences().Has(coShortLookup) || key.Index < TKdsStaticLookup{}.Index)) {
@@ -220,8 +256,7 @@ void TKdsRecord::RepairKey(const TKdsColumn* column) {
     TKdsValue value;
     if (!ReadValue(column->SourceField(), TKdsReading::Posted, scratch, value)) return;
     if (IsValidReference(column, key, value.Data, value.Size)) return;
-    key = {};
-    ResolveLookupKey(column, value.Data, value.Size, key);
+    FindMaster(column, value, key);
     if (column->Occurences().Has(coShortLookup) && key.Index >= TKdsStaticLookup{}.Index) key = {};
     SaveKey(column, key, place);
 }
@@ -239,9 +274,10 @@ void TKdsRecord::StoreKey(const TKdsColumn* column, const void* data, std::int32
         if (data == nullptr) throw EInvalidArgument(u"A value needs its data");
         RaiseMismatch(column, u"DataBufferMismatch");
     }
-    const TKdsNormalLookup key = KeyFor(column, data, size);
+    TFollowerSet unresolved;  // takes memory only for filters
+    const TKdsNormalLookup key = KeyFor(column, data, size, unresolved);
     if (slot.Kind == skLookup) {
-        StoreVirtual(column, key);
+        StoreVirtual(column, key, unresolved);
         return;
     }
     // The value may lie in the buffer that goes when it is made full-size.
@@ -254,24 +290,28 @@ void TKdsRecord::StoreKey(const TKdsColumn* column, const void* data, std::int32
     } else {
         StorePlain(column, slot, data, size);
     }
-    SaveKeys(column, key);
+    SaveKeys(column, key, unresolved);
 }
 
 // A key column that keeps no value, and the keys of those that follow it.
-void TKdsRecord::StoreVirtual(const TKdsColumn* source, const TKdsNormalLookup& key) {
+void TKdsRecord::StoreVirtual(const TKdsColumn* source, const TKdsNormalLookup& key,
+                              const TFollowerSet& unresolved) {
     const TKdsSlot& slot = fTable->Layout().Slot(source->Index());
     std::byte* const buffer = WritableBuffer(slot);
     if (slot.Size > 0) SaveKey(source, key, buffer + slot.Offset);
     slot.MarkValue(buffer);
-    SaveKeys(source, key);
+    SaveKeys(source, key, unresolved);
 }
 
-void TKdsRecord::SaveKeys(const TKdsColumn* source, const TKdsNormalLookup& key) {
+void TKdsRecord::SaveKeys(const TKdsColumn* source, const TKdsNormalLookup& key,
+                          const TFollowerSet& unresolved) {
     for (const TKdsColumn* column = source->fFirstFollower; column != nullptr;
          column = column->fNextFollower) {
         const TKdsSlot& slot = fTable->Layout().Slot(column->Index());
         std::byte* const buffer = WritableBuffer(slot);
-        SaveKey(column, column->IsLazy() ? TKdsNormalLookup{} : key, buffer + slot.Offset);
+        const bool leaves =
+            column->IsLazy() || std::ranges::find(unresolved, column) != unresolved.end();
+        SaveKey(column, leaves ? TKdsNormalLookup{} : key, buffer + slot.Offset);
         slot.MarkValue(buffer);
     }
 }
@@ -301,14 +341,17 @@ void TKdsRecord::StoreReferenceKey(const TKdsColumn* column, const TKdsSlot& slo
     if (column->IsVirtual()) {
         const TKdsRecord* const row =
             column->MasterTable() == nullptr ? nullptr : RowOfKey(column, key);
-        StoreVirtual(source, row == nullptr ? TKdsNormalLookup{} : KeyOf(row));
+        StoreVirtual(source, row == nullptr ? TKdsNormalLookup{} : KeyOf(row), {});
         return;
     }
     TKdsScratch scratch;
     TKdsValue value;
     const bool hasKey =
         column->CanResolve() && ReadValue(source, TKdsReading::Current, scratch, value);
-    if (!hasKey || !IsValidReference(column, key, value.Data, value.Size)) key = {};
+    if (!hasKey || !IsValidReference(column, key, value.Data, value.Size) ||
+        !column->PassesLookupFilter(column->MasterTable()->Records()->ItemAt(key.Index))) {
+        key = {};
+    }
     std::byte* const buffer = WritableBuffer(slot);
     SaveKey(column, key, buffer + slot.Offset);
     slot.MarkValue(buffer);
@@ -329,7 +372,7 @@ void TKdsRecord::SetAsRowC(const TKdsColumn* column, TKdsRecord* master) {
     if (column->IsVirtual()) {
         CheckWrite(column->SourceField());
         if (master->Owner() == nullptr) throw EInvalidArgument(u"The record is not in its table");
-        StoreVirtual(column->SourceField(), KeyOf(master));
+        StoreVirtual(column->SourceField(), KeyOf(master), {});
         return;
     }
     CopyValueC(column->SourceField(), master, column->MasterField());

@@ -345,6 +345,37 @@ TEST_F(TLookupTest, AVirtualKeyKeepsNoValue) {
     EXPECT_EQ(VarToStr(other->GetDataC(country)), u"AD");
 }
 
+// What a lookup filter hides is not found any more; what was found stays.
+TEST_F(TLookupTest, ALookupFilterHidesMasterRowsFromNewWrites) {
+    TKdsColumn* const name = AddName();
+    AddCountries(12);
+    EXPECT_EQ(RefusalOf([&] { name->SourceField()->SetLookupFilter(u"Number < 3"); }),
+              "Only reference columns can be looked up");
+    EXPECT_EQ(RefusalOf([&] { name->SetLookupFilter(u"Id < 3"); }),
+              "Unknown function or variable \"Id\"");
+    EXPECT_EQ(name->LookupFilter(), u"");
+    TKdsRecord* const before = AddZone(1, u"AE");
+    name->SetLookupFilter(u"Number < 3");
+    TKdsRecord* const zone = AddZone(2, u"AC");
+    EXPECT_EQ(AddZone(3, u"AE")->Format(name), u"#wrong lookup");
+    EXPECT_EQ(VarToStr(name->LookupValue(u"AE")), u"#wrong lookup");
+    EXPECT_EQ(zone->Format(name), u"NAC");
+
+    // Hidden from now on, and moved.
+    fCountries->Records()->Items(0)->Delete();
+    TKdsEdit edit(fCountries->Records()->Items(1));
+    edit->SetDataN(u"Number", 9);
+    edit.Post();
+    EXPECT_EQ(before->Format(name), u"NAE");
+    EXPECT_EQ(zone->Format(name), u"NAC");
+    TKdsEdit again(zone);
+    zone->SetDataN(u"Country", u"AC");
+    again.Post();
+    EXPECT_EQ(zone->Format(name), u"#wrong lookup");
+    name->SetLookupFilter({});
+    EXPECT_EQ(zone->Format(name), u"NAC");
+}
+
 TEST_F(TLookupTest, VirtualKeysOfOneAnotherAreNoCircle) {
     TKdsColumn* const code = fCountries->Columns()->Columns(u"Code");
     fZones->SetPrimaryKey(u"Country");
