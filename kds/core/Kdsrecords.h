@@ -358,6 +358,8 @@ private:
                       const TFollowerSet& unresolved);
     void SaveKeys(const TKdsColumn* source, const TKdsNormalLookup& key,
                   const TFollowerSet& unresolved);
+    [[nodiscard]] static TKdsRecord* ValidRow(const TKdsColumn* column, const TKdsNormalLookup& key,
+                                              const void* data, std::int32_t size);
     bool FindMaster(const TKdsColumn* column, const TKdsValue& value, TKdsNormalLookup& key);
     void NullReferences(const TKdsColumn* source);
     // The master's rows have gone, and their identifiers come again.

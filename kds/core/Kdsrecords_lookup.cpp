@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 
 #include "kds/core/Kdserrors.h"
 #include "kds/core/Kdskeyvalues.h"
@@ -42,17 +43,25 @@ TKdsCompareOptions KeyRule(const TKdsColumn* column) {
     return options;
 }
 
-bool HoldsKey(TKdsRecord* row, const TKdsColumn* field, const void* data, std::int32_t size,
-              TKdsCompareOptions rule) {
+// Numbers that are stored are compared as they lie; texts by the rule of the master's key.
+bool HoldsKey(TKdsRecord* row, const TKdsColumn* column, const void* data, std::int32_t size) {
+    const TKdsColumn* const field = column->MasterField();
+    const TKdsSlot& slot = row->Table()->Layout().Slot(field->Index());
+    if (slot.Kind == skPlain && slot.Size == size && (size == 4 || size == 8) &&
+        !IsTextType(slot.Type) && slot.Type != dtDouble && slot.StampOffset < 0) {
+        const std::byte* const buffer = row->BufferFor(TKdsReading::Posted);
+        if (buffer == nullptr || !slot.HasValue(buffer)) return false;
+        const std::byte* const place = buffer + slot.Offset;
+        return size == 4 ? LoadRaw<std::uint32_t>(place) == LoadRaw<std::uint32_t>(data)
+                         : LoadRaw<std::uint64_t>(place) == LoadRaw<std::uint64_t>(data);
+    }
     TKdsScratch scratch;
     TKdsValue value;
     if (!row->ReadValue(field, TKdsReading::Posted, scratch, value)) return false;
-    if (!IsTextType(value.Type) && value.Size != size) return false;
-    if (value.Size == size && (size == 4 || size == 8) && !IsTextType(value.Type) &&
-        value.Type != dtDouble && value.Type != dtCustomData) {
-        return std::memcmp(value.Data, data, static_cast<std::size_t>(size)) == 0;
-    }
-    return CompareData(value.Type, value.Data, data, value.Size, size, rule) == 0;
+    const bool isText = IsTextType(value.Type);
+    if (!isText && value.Size != size) return false;
+    return CompareData(value.Type, value.Data, data, value.Size, size,
+                       isText ? KeyRule(column) : TKdsCompareOptions{}) == 0;
 }
 
 }  // namespace
@@ -84,10 +93,9 @@ bool TKdsRecord::ResolveLookupKey(const TKdsColumn* column, const void* data, st
         key = KeyOf(primary->ItemAt(index));
         return true;
     }
-    const TKdsCompareOptions rule = KeyRule(column);
     std::int32_t index = 0;
     for (TKdsRecord* const row : *rows) {
-        if (HoldsKey(row, field, data, size, rule)) {
+        if (HoldsKey(row, column, data, size)) {
             key = {index, row->RowID()};
             return true;
         }
@@ -98,14 +106,18 @@ bool TKdsRecord::ResolveLookupKey(const TKdsColumn* column, const void* data, st
 
 bool TKdsRecord::IsValidReference(const TKdsColumn* column, TKdsNormalLookup& key, const void* data,
                                   std::int32_t size) {
-    TKdsTable* const master = column->MasterTable();
-    if (master == nullptr || column->MasterField() == nullptr) return false;
+    if (column->MasterTable() == nullptr || column->MasterField() == nullptr) return false;
     if (data == nullptr || size < 0) return false;
-    if (key.Index < 0 || key.Index >= master->Records()->Count()) return false;
-    TKdsRecord* const row = master->Records()->ItemAt(key.Index);
-    if (!HoldsKey(row, column->MasterField(), data, size, KeyRule(column))) return false;
+    const TKdsRecord* const row = ValidRow(column, key, data, size);
+    if (row == nullptr) return false;
     if (!column->Occurences().Has(coShortLookup)) key.RowID = row->RowID();
     return true;
+}
+
+TKdsRecord* TKdsRecord::ValidRow(const TKdsColumn* column, const TKdsNormalLookup& key,
+                                 const void* data, std::int32_t size) {
+    TKdsRecord* const row = column->MasterTable()->Records()->LookedUp(key.Index);
+    return row != nullptr && HoldsKey(row, column, data, size) ? row : nullptr;
 }
 
 void TKdsRecord::MarkAsUnresolved(const TKdsColumn* column, void* key) noexcept {
@@ -154,8 +166,7 @@ TKdsNormalLookup TKdsRecord::KeyOf(const TKdsRecord* row) {
 // The row with this key, where the key alone says which: nullptr when it has gone.
 TKdsRecord* TKdsRecord::RowOfKey(const TKdsColumn* column, const TKdsNormalLookup& key) {
     TKdsTableRecordList* const rows = column->MasterTable()->Records();
-    const bool isInside = key.Index >= 0 && key.Index < rows->Count();
-    TKdsRecord* const row = isInside ? rows->ItemAt(key.Index) : nullptr;
+    TKdsRecord* const row = rows->LookedUp(key.Index);
     if (column->Occurences().Has(coShortLookup)) return row;
     if (row != nullptr && row->RowID() == key.RowID) return row;
     return key.RowID == NoRowID ? nullptr : rows->FindRowID(key.RowID);
@@ -170,8 +181,7 @@ bool TKdsRecord::FindMaster(const TKdsColumn* column, const TKdsValue& value,
     TKdsTableRecordList* const rows = column->MasterTable()->Records();
     if (!column->LookupFilter().empty() && key.RowID != NoRowID) {
         TKdsRecord* const row = rows->FindRowID(key.RowID);
-        if (row != nullptr &&
-            HoldsKey(row, column->MasterField(), value.Data, value.Size, KeyRule(column))) {
+        if (row != nullptr && HoldsKey(row, column, value.Data, value.Size)) {
             key = KeyOf(row);
             return true;
         }
@@ -200,23 +210,31 @@ TKdsRecord* TKdsRecord::MasterRow(const TKdsColumn* column, TKdsReading reading,
     }
     const TKdsColumn* const source = column->SourceField();
     if (source == nullptr) return nullptr;
-    TKdsScratch scratch;
+    std::optional<TKdsScratch> scratch;
     TKdsValue value;
-    hasKey = ReadValue(source, reading, scratch, value);
+    const TKdsSlot& from = fTable->Layout().Slot(source->Index());
+    if (from.Kind == skPlain && from.StampOffset < 0) {
+        const std::byte* const values = BufferFor(reading);
+        hasKey = values != nullptr && from.HasValue(values) && ReadSlot(from, values, value);
+    } else {
+        hasKey = ReadValue(source, reading, scratch.emplace(), value);
+    }
     if (!hasKey || column->MasterTable() == nullptr || !column->CanResolve()) return nullptr;
     const TKdsSlot& slot = fTable->Layout().Slot(column->Index());
     const std::byte* const buffer = BufferFor(reading);
     TKdsNormalLookup key;
     if (slot.HasValue(buffer)) key = LoadKey(column, buffer + slot.Offset);
-    if (!IsValidReference(column, key, value.Data, value.Size)) {
+    TKdsRecord* row = ValidRow(column, key, value.Data, value.Size);
+    if (row == nullptr) {
         if (!FindMaster(column, value, key)) return nullptr;
+        row = column->MasterTable()->Records()->ItemAt(key.Index);
         // The first read of a lazy column writes what it has found, where only this thread reads.
         if (column->IsLazy() && slot.HasValue(buffer) && !InParallelSort &&
             (!column->Occurences().Has(coShortLookup) || key.Index < TKdsStaticLookup{}.Index)) {
             SaveKey(column, key, const_cast<std::byte*>(buffer) + slot.Offset);
         }
     }
-    return column->MasterTable()->Records()->ItemAt(key.Index);
+    return row;
 }
 
 bool TKdsRecord::ReadLookup(const TKdsColumn* column, TKdsReading reading, TKdsScratch& scratch,
