@@ -12,7 +12,6 @@
 //            pages have given out for each item.
 #include <absl/container/flat_hash_map.h>
 #include <benchmark/benchmark.h>
-#include <malloc.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -22,9 +21,9 @@
 #include <unordered_map>
 #include <vector>
 
+#include "bench/Usedmemory.h"
 #include "kds/containers/Cardinalhash.h"
 #include "kds/containers/Smartlist.h"
-#include "kds/platform/Pages.h"
 
 namespace kds {
 namespace {
@@ -84,25 +83,6 @@ void* DataOf(std::uint32_t code) {
     return reinterpret_cast<void*>(static_cast<std::uintptr_t>(code) * 16);
 }
 
-// Counts what goes to the system and comes back.
-class TCountedPages final : public IPages {
-public:
-    explicit TCountedPages(IPages& system) : fSystem(system) { SetPages(this); }
-    ~TCountedPages() override { SetPages(nullptr); }
-    void* Map(std::size_t size) override {
-        Mapped += size;
-        return fSystem.Map(size);
-    }
-    void Unmap(void* block, std::size_t size) noexcept override {
-        fSystem.Unmap(block, size);
-        Mapped -= size;
-    }
-    std::size_t Mapped = 0;
-
-private:
-    IPages& fSystem;
-};
-
 template <typename H>
 std::unique_ptr<H> Filled(const TCodes& codes) {
     auto map = std::make_unique<H>();
@@ -133,14 +113,9 @@ void Put(benchmark::State& state) {
 template <typename H, bool Random>
 void Get(benchmark::State& state) {
     const TCodes& codes = Codes<Random>().Put;
-    TCountedPages pages(Pages());
-    const auto used = [&] {
-        const struct mallinfo2 info = mallinfo2();
-        return info.uordblks + info.hblkhd + pages.Mapped;
-    };
-    const std::size_t before = used();
+    const double before = UsedMemory();
     const auto map = Filled<H>(codes);
-    const std::size_t tenths = 10 * (used() - before) / codes.size();
+    const auto tenths = static_cast<std::size_t>(10 * (UsedMemory() - before)) / codes.size();
     state.SetLabel(std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) +
                    " bytes an item");
     if (!IsRight(*map, codes)) return state.SkipWithError("results differ");

@@ -15,7 +15,7 @@
 #include "bench/Boostrows.h"
 #include "bench/Rows.h"
 #include "bench/Sqliterows.h"
-#include "kds/platform/Pages.h"
+#include "bench/Usedmemory.h"
 
 namespace kds {
 namespace {
@@ -28,39 +28,13 @@ struct TUse {
     }
 };
 
-// Counts what goes to the system and comes back.
-class TCountedPages final : public IPages {
-public:
-    explicit TCountedPages(IPages& system) : fSystem(system) { SetPages(this); }
-    void* Map(std::size_t size) override {
-        void* const block = fSystem.Map(size);
-        Mapped += static_cast<double>(size);
-        return block;
-    }
-    void Unmap(void* block, std::size_t size) noexcept override {
-        fSystem.Unmap(block, size);
-        Mapped -= static_cast<double>(size);
-    }
-    double Mapped = 0;
-
-private:
-    IPages& fSystem;
-};
-
-TCountedPages& CountedPages() {
-    static auto* const pages = new TCountedPages(Pages());  // blocks may outlive everything
-    return *pages;
-}
-
 TUse Use() {
     malloc_trim(0);
-    const struct mallinfo2 info = mallinfo2();
     std::ifstream statm("/proc/self/statm");
     double size = 0;
     double resident = 0;
     statm >> size >> resident;
-    return {static_cast<double>(info.uordblks + info.hblkhd) + CountedPages().Mapped,
-            resident * static_cast<double>(sysconf(_SC_PAGESIZE))};
+    return {UsedMemory(), resident * static_cast<double>(sysconf(_SC_PAGESIZE))};
 }
 
 void Report(benchmark::State& state, const TUse& use, double parts) {

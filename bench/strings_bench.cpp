@@ -10,14 +10,13 @@
 //            these bytes.
 #include <absl/container/flat_hash_set.h>
 #include <benchmark/benchmark.h>
-#include <malloc.h>
 
 #include <random>
 #include <string>
 #include <vector>
 
+#include "bench/Usedmemory.h"
 #include "kds/kds.h"
-#include "kds/platform/Pages.h"
 
 namespace kds {
 namespace {
@@ -97,36 +96,12 @@ void FindAbsl(benchmark::State& state) {
 }
 BENCHMARK(FindAbsl);
 
-class TCountedPages final : public IPages {
-public:
-    explicit TCountedPages(IPages& system) : fSystem(system) { SetPages(this); }
-    void* Map(std::size_t size) override {
-        void* const block = fSystem.Map(size);
-        Mapped += static_cast<double>(size);
-        return block;
-    }
-    void Unmap(void* block, std::size_t size) noexcept override {
-        fSystem.Unmap(block, size);
-        Mapped -= static_cast<double>(size);
-    }
-    double Mapped = 0;
-
-private:
-    IPages& fSystem;
-};
-
-double Use() {
-    static auto* const pages = new TCountedPages(Pages());
-    const struct mallinfo2 info = mallinfo2();
-    return static_cast<double>(info.uordblks + info.hblkhd) + pages->Mapped;
-}
-
 double UseOf(bool hasText, benchmark::State& state) {
-    const double before = Use();
+    const double before = UsedMemory();
     TPooled side(hasText);
     for (std::size_t i = 0; i < RowCount; ++i) side.Insert(i);
     if (hasText && side.CountTexts() != Distinct) state.SkipWithError("not each text once");
-    return Use() - before;
+    return UsedMemory() - before;
 }
 
 void Memory(benchmark::State& state) {

@@ -1,8 +1,6 @@
 #include "kds/core/Kdserrors.h"
 
-#include <algorithm>
 #include <array>
-#include <span>
 
 #include "kds/platform/Translator.h"
 
@@ -47,16 +45,10 @@ constexpr auto KdsMessages = std::to_array<TMessage>({
 });
 static_assert(KdsMessages.size() == 33);
 
-std::u16string TextOf(std::u16string_view section, std::span<const TMessage> messages,
-                      std::u16string_view key) {
-    const auto found = std::ranges::find(messages, key, &TMessage::Key);
-    return Translator().Translate(section, key, found == messages.end() ? key : found->Text);
-}
-
 }  // namespace
 
 std::u16string GetMessageText(std::u16string_view key) {
-    return TextOf(u"Kds.Errors", KdsMessages, key);
+    return MessageText(u"Kds.Errors", KdsMessages, key);
 }
 
 void KdsError(std::u16string_view key) { throw EKdsError(GetMessageText(key)); }

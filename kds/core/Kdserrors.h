@@ -15,11 +15,6 @@
 
 namespace kds {
 
-struct TMessage {
-    std::u16string_view Key;
-    std::u16string_view Text;
-};
-
 // The translated text of a key of section "Kds.Errors".
 [[nodiscard]] std::u16string GetMessageText(std::u16string_view key);
 

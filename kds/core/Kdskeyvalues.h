@@ -25,7 +25,7 @@ public:
 private:
     friend class TKdsTable;
     struct TEntry {
-        const TKdsColumn* Column;
+        const TKdsColumn* Column = nullptr;
         TKdsScratch Scratch;
         TKdsValue Value;
     };

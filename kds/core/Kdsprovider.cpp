@@ -1,5 +1,7 @@
 #include "kds/core/Kdsprovider.h"
 
+#include <cstring>
+
 #include "kds/core/Kdstables.h"
 
 namespace kds {
@@ -109,9 +111,9 @@ void TKdsProvider::Fetch(TExprPosition position, std::int32_t index, TExprTarget
     switch (kind) {
         case ekText:
             if (value.Type == dtWideString) {
-                std::u16string text(static_cast<std::size_t>(value.Size), u'\0');
-                if (!text.empty()) std::memcpy(text.data(), value.Data, text.size() * 2);
-                target.SetText(std::u16string_view(text));
+                fWide.resize(static_cast<std::size_t>(value.Size));
+                if (!fWide.empty()) std::memcpy(fWide.data(), value.Data, fWide.size() * 2);
+                target.SetText(std::u16string_view(fWide));
             } else {
                 target.SetText(std::string_view(reinterpret_cast<const char*>(value.Data),
                                                 static_cast<std::size_t>(value.Size)));

@@ -32,6 +32,7 @@ private:
     TKdsTableColumnList* fColumns;
     TExprPosition fPosition;
     TKdsScratch fScratch;
+    std::u16string fWide;  // a text on its way, aligned
 };
 
 // The evaluator of this text over the columns; EKdsParseError.

@@ -43,6 +43,7 @@ void TKdsTableRecordList::DoSwitch(std::int32_t from, std::int32_t to) {
 void TKdsTableRecordList::DoClear() {
     fItems.Clear();
     DropDirectory();
+    fDirectory = {};
 }
 
 TKdsRecord* TKdsTableRecordList::LookUp(std::int32_t index) {

@@ -112,8 +112,8 @@ public:
         return static_cast<TKdsRecord*>(static_cast<TKdsItem*>(fItems.Get(index)));
     }
     // For lookups, which ask for rows all over the list again and again: nullptr out of range. From
-    // an array of all rows, 8 bytes each, which is made when they have asked for a quarter as many
-    // and goes with the next change of the list.
+    // an array of all rows, 8 bytes each, which is filled when they have asked for a quarter as
+    // many and emptied by the next change of the list.
     [[nodiscard]] TKdsRecord* LookedUp(std::int32_t index) {
         // One comparison: a negative position becomes a huge one.
         const auto place = static_cast<std::size_t>(static_cast<std::uint32_t>(index));

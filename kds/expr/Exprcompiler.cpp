@@ -160,18 +160,30 @@ private:
         return target;
     }
 
+    // A comparison with the constant, if there is one, on the right.
+    struct TSides {
+        TExprNodeId Column, Value;
+        TExprOp Op;
+    };
+    [[nodiscard]] TSides SidesOf(const TExprNode& node) const noexcept {
+        const TExprNodeId left = Link(node, 0);
+        const TExprNodeId right = Link(node, 1);
+        if (IsKnown(left)) return {right, left, Mirrored(node.Op)};
+        return {left, right, node.Op};
+    }
+    [[nodiscard]] const TExprSlot& ValueOf(const TSides& sides) const noexcept {
+        return fTree.Value(Node(sides.Value));
+    }
+
     // ---- AND, OR ----
 
     // A column compared with a constant for equality, such that a set can hold the constant.
     [[nodiscard]] bool IsSetTerm(TExprNodeId id) const noexcept {
         const TExprNode& node = Node(id);
         if (node.Kind != nkCompare || node.Op != opEqual) return false;
-        const bool mirrored = IsKnown(Link(node, 0));
-        const TExprNodeId column = Link(node, mirrored ? 1 : 0);
-        const TExprNodeId value = Link(node, mirrored ? 0 : 1);
-        return Node(column).Kind == nkColumn && IsKnown(value) &&
-               !fTree.Value(Node(value)).IsNull() &&
-               TExprSet::Takes(Node(column).Type, fTree.Value(Node(value)));
+        const TSides sides = SidesOf(node);
+        return Node(sides.Column).Kind == nkColumn && IsKnown(sides.Value) &&
+               !ValueOf(sides).IsNull() && TExprSet::Takes(Node(sides.Column).Type, ValueOf(sides));
     }
 
     [[nodiscard]] std::vector<TTerm> TermsOf(const TExprNode& node, std::size_t from) {
@@ -196,8 +208,7 @@ private:
         return terms;
     }
     [[nodiscard]] TExprNodeId ColumnNode(TExprNodeId term) const noexcept {
-        const TExprNode& node = Node(term);
-        return Link(node, IsKnown(Link(node, 0)) ? 1 : 0);
+        return SidesOf(Node(term)).Column;
     }
     [[nodiscard]] std::int32_t ColumnOf(TExprNodeId term) const noexcept {
         return Node(ColumnNode(term)).Index;
@@ -205,10 +216,7 @@ private:
     std::int32_t MakeSet(const std::vector<TExprNodeId>& terms) {
         const TExprNode& column = Node(ColumnNode(terms.front()));
         TExprSet set(column.Type, {column.Caseless, column.Wide});
-        for (const TExprNodeId term : terms) {
-            const bool mirrored = IsKnown(Link(Node(term), 0));
-            set.Add(fTree.Value(Node(Link(Node(term), mirrored ? 0 : 1))));
-        }
+        for (const TExprNodeId term : terms) set.Add(ValueOf(SidesOf(Node(term))));
         set.Build();
         fProgram.Sets.push_back(std::move(set));
         return static_cast<std::int32_t>(fProgram.Sets.size() - 1);
@@ -250,38 +258,33 @@ private:
     // A stored column beside a constant, either way round.
     [[nodiscard]] bool IsRaw(const TExprNode& node) const noexcept {
         if (!fSpecialise) return false;
-        const TExprNodeId left = Link(node, 0);
-        const TExprNodeId right = Link(node, 1);
-        const TExprNodeId column = IsKnown(left) ? right : left;
-        if (Node(column).Kind != nkColumn || IsKnown(left) == IsKnown(right)) return false;
-        return Prepared(node).has_value();
+        const TSides sides = SidesOf(node);
+        if (Node(sides.Column).Kind != nkColumn || !IsKnown(sides.Value)) return false;
+        return Prepared(sides).has_value();
     }
-    [[nodiscard]] std::optional<TExprRawCompare> Prepared(const TExprNode& node) const {
-        const bool mirrored = IsKnown(Link(node, 0));
-        const TExprNodeId column = Link(node, mirrored ? 1 : 0);
-        const TExprNodeId value = Link(node, mirrored ? 0 : 1);
-        const auto& known = fTree.Columns()[static_cast<std::size_t>(Node(column).Index)].Known;
+    [[nodiscard]] std::optional<TExprRawCompare> Prepared(const TSides& sides) const {
+        const auto column = static_cast<std::size_t>(Node(sides.Column).Index);
+        const auto& known = fTree.Columns()[column].Known;
         if (known.Place.Kind == rwNone) return std::nullopt;
-        return TExprRawCompare::Prepare(known, mirrored ? Mirrored(node.Op) : node.Op,
-                                        fTree.Value(Node(value)), fTree.CompareOf(column, value));
+        return TExprRawCompare::Prepare(known, sides.Op, ValueOf(sides),
+                                        fTree.CompareOf(sides.Column, sides.Value));
     }
     // Where the buffer is not at hand the general comparison that follows is taken instead.
     std::uint32_t EmitRaw(const TExprNode& node) {
         const std::uint32_t target = Reserve(fTop);
-        fProgram.RawCompares.push_back(*Prepared(node));
+        const TSides sides = SidesOf(node);
+        const auto column = static_cast<std::uint32_t>(Node(sides.Column).Index);
+        fProgram.RawCompares.push_back(*Prepared(sides));
         fProgram.UsesBuffer = true;
-        const bool mirrored = IsKnown(Link(node, 0));
-        const TExprNodeId column = Link(node, mirrored ? 1 : 0);
-        const TExprNodeId value = Link(node, mirrored ? 0 : 1);
         const auto place = static_cast<std::uint32_t>(fProgram.RawCompares.size() - 1);
         const std::uint32_t raw = Step({.Code = cdRaw, .Dst = target, .A = place});
-        Step({.Code = cdLoad, .A = static_cast<std::uint32_t>(Node(column).Index)});
-        const std::uint32_t constant = AddConstant(fTree.Value(Node(value)));
+        Step({.Code = cdLoad, .A = column});
+        const std::uint32_t constant = AddConstant(ValueOf(sides));
         Step({.Code = cdCompare,
-              .Op = mirrored ? Mirrored(node.Op) : node.Op,
-              .Flags = FlagsOf(fTree.CompareOf(column, value)),
+              .Op = sides.Op,
+              .Flags = FlagsOf(fTree.CompareOf(sides.Column, sides.Value)),
               .Dst = target,
-              .A = static_cast<std::uint32_t>(Node(column).Index),
+              .A = column,
               .B = constant});
         PatchTo(raw, Here());
         return target;
@@ -524,7 +527,7 @@ private:
 
 }  // namespace
 
-TExprProgram CompileExpression(TExprTree& tree, TExprNodeId root, bool specialise) {
+TExprProgram CompileProgram(TExprTree& tree, TExprNodeId root, bool specialise) {
     TExprProgram program = TCompiler(tree, specialise, false).Compile(root);
     for (const TExprTree::TColumn& column : program.Columns) {
         program.UsesBuffer =

@@ -10,7 +10,7 @@
 
 namespace kds {
 
-[[nodiscard]] TExprProgram CompileExpression(TExprTree& tree, TExprNodeId root, bool specialise);
+[[nodiscard]] TExprProgram CompileProgram(TExprTree& tree, TExprNodeId root, bool specialise);
 // The value of a node whose operands are all known. The text of the answer may lie in `arena`.
 [[nodiscard]] TExprSlot ComputeConstant(TExprTree& tree, TExprNodeId id, TExprArena& arena);
 

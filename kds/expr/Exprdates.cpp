@@ -99,14 +99,6 @@ void Bool(TExprCall& call) {
     if (truth >= 0) call.AnswerBoolean(truth > 0);
 }
 
-struct TEntry {
-    const char16_t* Name;
-    std::int32_t Least, Most;
-    const char* Accepts;
-    TExprKind Result;
-    TExprRoutine Routine;
-    std::uint8_t Flags = 0;
-};
 struct TLazyEntry {
     const char16_t* Name;
     std::int32_t Least, Most;
@@ -117,7 +109,7 @@ struct TLazyEntry {
 
 void AddDateFunctions(TExprFunctions& functions) {
     constexpr auto clock = static_cast<std::uint8_t>(ffImpure | ffReadsClock);
-    const TEntry entries[] = {
+    functions.PutAll({
         {u"NOW", 0, 0, "d", ekDate, TExprRoutine::Bind<NowTime>(), clock},
         {u"TODAY", 0, 0, "d", ekDate, TExprRoutine::Bind<Today>(), clock},
         {u"TIME", 0, 0, "d", ekDate, TExprRoutine::Bind<TimeNow>(), clock},
@@ -137,11 +129,7 @@ void AddDateFunctions(TExprFunctions& functions) {
         {u"ADDYEARS", 2, 2, "dn", ekDate, TExprRoutine::Bind<AddYears>()},
         {u"DAYSBETWEEN", 2, 2, "d", ekInteger, TExprRoutine::Bind<DaysBetween>()},
         {u"LASTDAY", 1, 1, "d", ekDate, TExprRoutine::Bind<LastDay>()},
-    };
-    for (const TEntry& entry : entries) {
-        functions.Put({entry.Name, entry.Least, entry.Most, entry.Accepts, entry.Result,
-                       entry.Flags, entry.Routine, fmCall});
-    }
+    });
 }
 
 void AddLogicFunctions(TExprFunctions& functions) {

@@ -1,6 +1,5 @@
 #include "kds/expr/Exprerrors.h"
 
-#include <algorithm>
 #include <array>
 
 #include "kds/platform/Translator.h"
@@ -8,13 +7,8 @@
 namespace kds {
 namespace {
 
-struct TParserMessage {
-    std::u16string_view Key;
-    std::u16string_view Text;
-};
-
 // The texts are fixed letter for letter: translation files and hosts look for them.
-constexpr auto ParserMessages = std::to_array<TParserMessage>({
+constexpr auto ParserMessages = std::to_array<TMessage>({
     {u"CircularReference", u"Circular reference for %s detected"},
     {u"InvalidFunctionArguments", u"Invalid arguments for function \"%s\""},
     {u"IllegalDateOperation", u"Illegal arguments for date/time operation"},
@@ -37,9 +31,7 @@ static_assert(ParserMessages.size() == 16);
 }  // namespace
 
 std::u16string ParserMessageText(std::u16string_view key) {
-    const auto* const found = std::ranges::find(ParserMessages, key, &TParserMessage::Key);
-    return Translator().Translate(u"Parser", key,
-                                  found == ParserMessages.end() ? key : found->Text);
+    return MessageText(u"Parser", ParserMessages, key);
 }
 
 void ParserError(std::u16string_view key, std::initializer_list<TFormatArg> arguments,

@@ -246,7 +246,7 @@ public:
           fName(text),
           fProvider(provider),
           fTyped(specialise ? dynamic_cast<ITypedExpressionProvider*>(provider.Get()) : nullptr),
-          fProgram(CompileExpression(tree, root, specialise)),
+          fProgram(CompileProgram(tree, root, specialise)),
           fKind(tree.Node(root).Type),
           fPure(tree.IsPure()),
           fReadsClock(tree.ReadsClock()),

@@ -84,6 +84,13 @@ void TExprFunctions::Put(TExprFunction function) {
     fFunctions[std::move(key)] = std::make_shared<const TExprFunction>(std::move(function));
 }
 
+void TExprFunctions::PutAll(std::initializer_list<TEntry> entries) {
+    for (const TEntry& entry : entries) {
+        Put({entry.Name, entry.Least, entry.Most, entry.Accepts, entry.Result, entry.Flags,
+             entry.Routine, fmCall});
+    }
+}
+
 void TExprFunctions::Add(TExprFunction function) {
     const bool counts =
         function.MinArguments >= 0 && function.MinArguments <= function.MaxArguments;

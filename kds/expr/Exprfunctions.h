@@ -142,6 +142,16 @@ private:
     friend void AddTextFunctions(TExprFunctions& functions);
     friend void AddDateFunctions(TExprFunctions& functions);
     friend void AddLogicFunctions(TExprFunctions& functions);
+    // A line of a library's table.
+    struct TEntry {
+        const char16_t* Name;
+        std::int32_t Least, Most;
+        const char* Accepts;
+        TExprKind Result;
+        TExprRoutine Routine;
+        std::uint8_t Flags = 0;
+    };
+    void PutAll(std::initializer_list<TEntry> entries);
     void Put(TExprFunction function);
 
     std::unordered_map<std::u16string, std::shared_ptr<const TExprFunction>> fFunctions;

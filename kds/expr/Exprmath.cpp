@@ -208,19 +208,10 @@ void Random(TExprCall& call) {
 }
 void Pi(TExprCall& call) { call.AnswerFloat(std::numbers::pi); }
 
-struct TEntry {
-    const char16_t* Name;
-    std::int32_t Least, Most;
-    const char* Accepts;
-    TExprKind Result;
-    TExprRoutine Routine;
-    std::uint8_t Flags = 0;
-};
-
 }  // namespace
 
 void AddMathFunctions(TExprFunctions& functions) {
-    const TEntry entries[] = {
+    functions.PutAll({
         {u"ABS", 1, 1, "n", ekAny, TExprRoutine::Bind<Abs>()},
         {u"SIGN", 1, 1, "n", ekInteger, TExprRoutine::Bind<Sign>()},
         {u"INT", 1, 1, "n", ekAny, TExprRoutine::Bind<ToInteger<std::trunc, rmDown>>()},
@@ -249,11 +240,7 @@ void AddMathFunctions(TExprFunctions& functions) {
         {u"DIVIDE", 3, 4, "n", ekFixed, TExprRoutine::Bind<Divide>()},
         {u"DECIMAL", 2, 2, "n", ekFixed, TExprRoutine::Bind<Decimal>()},
         {u"RANDOM", 0, 0, "n", ekFloat, TExprRoutine::Bind<Random>(), ffImpure},
-    };
-    for (const TEntry& entry : entries) {
-        functions.Put({entry.Name, entry.Least, entry.Most, entry.Accepts, entry.Result,
-                       entry.Flags, entry.Routine, fmCall});
-    }
+    });
 }
 
 }  // namespace kds

@@ -219,19 +219,10 @@ void Val(TExprCall& call) { call.Answer(ReadNumber(call.Text(0))); }
 
 [[nodiscard]] char32_t Raised(char32_t c) noexcept { return FoldCase(c); }
 
-struct TEntry {
-    const char16_t* Name;
-    std::int32_t Least, Most;
-    const char* Accepts;
-    TExprKind Result;
-    TExprRoutine Routine;
-    std::uint8_t Flags = 0;
-};
-
 }  // namespace
 
 void AddTextFunctions(TExprFunctions& functions) {
-    const TEntry entries[] = {
+    functions.PutAll({
         {u"LENGTH", 1, 1, "t", ekInteger, TExprRoutine::Bind<Length>()},
         {u"LEN", 1, 1, "t", ekInteger, TExprRoutine::Bind<Length>()},
         {u"UPPER", 1, 1, "t", ekText, TExprRoutine::Bind<ChangeCase<Raised>>()},
@@ -257,11 +248,7 @@ void AddTextFunctions(TExprFunctions& functions) {
         {u"ASC", 1, 1, "t", ekInteger, TExprRoutine::Bind<Asc>()},
         {u"STR", 1, 1, "v", ekText, TExprRoutine::Bind<Str>()},
         {u"VAL", 1, 1, "t", ekAny, TExprRoutine::Bind<Val>()},
-    };
-    for (const TEntry& entry : entries) {
-        functions.Put({entry.Name, entry.Least, entry.Most, entry.Accepts, entry.Result,
-                       entry.Flags, entry.Routine, fmCall});
-    }
+    });
 }
 
 }  // namespace kds

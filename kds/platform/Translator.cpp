@@ -144,6 +144,12 @@ std::u16string ExpandSelectors(std::u16string_view text, TLanguage language, F n
 ITranslator& Translator() { return seam.Get(); }
 void SetTranslator(ITranslator* translator) noexcept { seam.Set(translator); }
 
+std::u16string MessageText(std::u16string_view section, std::span<const TMessage> messages,
+                           std::u16string_view key) {
+    const auto found = std::ranges::find(messages, key, &TMessage::Key);
+    return Translator().Translate(section, key, found == messages.end() ? key : found->Text);
+}
+
 void SetLanguage(TLanguage language) noexcept {
     currentLanguage.store(language, std::memory_order_relaxed);
 }

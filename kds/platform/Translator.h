@@ -34,6 +34,16 @@ public:
 [[nodiscard]] ITranslator& Translator();
 void SetTranslator(ITranslator* translator) noexcept;
 
+// A line of a section's catalogue: the text is the English default.
+struct TMessage {
+    std::u16string_view Key;
+    std::u16string_view Text;
+};
+// The text of a key in the current language. An unknown key is its own text.
+[[nodiscard]] std::u16string MessageText(std::u16string_view section,
+                                         std::span<const TMessage> messages,
+                                         std::u16string_view key);
+
 // The language of the built-in translator.
 enum class TLanguage : std::uint8_t { English, Russian, Ukrainian };
 void SetLanguage(TLanguage language) noexcept;
