@@ -269,6 +269,7 @@ private:
     void CheckAttributes(TKdsAttributes value, TKdsLookupKind kind);
     void CheckVirtual(TKdsTable* master, TKdsColumn* field, TKdsLookupKind kind);
     void CheckCircle(const TKdsColumn* shown) const;
+    void FindPath() const;
     void ForgetMaster() noexcept;
     void ForgetMasterColumn(const TKdsColumn* column) noexcept;
     static void CheckLength(std::u16string_view name, std::int32_t length);
@@ -309,6 +310,7 @@ private:
     TKdsColumn* fFirstFollower = nullptr;  // they are linked one to the next
     TKdsColumn* fNextFollower = nullptr;
     TKdsLookupKind fLookupKind = lkNormal;
+    mutable TKdsLookupPath fPath;
 };
 
 // A list of columns that somebody else owns, or the table's own.

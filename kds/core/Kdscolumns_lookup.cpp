@@ -127,6 +127,7 @@ void TKdsColumn::SetTargetField(TKdsColumn* value) {
     CheckCircle(value);
     Change(false, [&] {
         fTargetField = value;
+        fPath = {};
         TakeShapeOf(value != nullptr ? value : fMasterField);
     });
 }
@@ -139,6 +140,30 @@ void TKdsColumn::SetLookupFilter(std::u16string_view value) {
         fLookupFilter = value;
         fLookupEvaluator = nullptr;
     });
+}
+
+void TKdsColumn::FindPath() const {
+    const TKdsLayout& layout = Table()->Layout();
+    const TKdsLayout& masterLayout = fMasterTable->Layout();
+    if (fPath.IsFor(layout)) return;
+    fPath = {};
+    if (IsVirtual() || fSourceField == nullptr || !CanResolve()) return;
+    const TKdsSlot& source = layout.Slot(fSourceField->fIndex);
+    const TKdsSlot& field = masterLayout.Slot(fMasterField->fIndex);
+    const TKdsSlot& shown = masterLayout.Slot(Shown()->fIndex);
+    if (!source.IsKeyNumber() || !field.IsKeyNumber() || source.Size != field.Size ||
+        shown.Kind > skCustom || shown.StampOffset >= 0) {
+        return;
+    }
+    fPath.Source = source;
+    fPath.Key = layout.Slot(fIndex);
+    fPath.Field = field;
+    fPath.Shown = shown;
+    fPath.IsShort = fOccurences.Has(coShortLookup);
+    fPath.MasterLayout = &masterLayout;
+    fPath.Version = layout.Version();
+    fPath.MasterVersion = masterLayout.Version();
+    fPath.Masters = fMasterTable->Records();
 }
 
 // What it cannot judge does not pass.
@@ -194,6 +219,7 @@ void TKdsColumn::ForgetMaster() noexcept {
     fMasterField = nullptr;
     fTargetField = nullptr;
     fLookupEvaluator = nullptr;
+    fPath = {};
     UpdateOccurences();
 }
 

@@ -45,6 +45,11 @@ struct TKdsSlot {
     [[nodiscard]] std::int32_t End() const noexcept {
         return StampOffset < 0 ? Offset + Size : StampOffset + 4;
     }
+    // Equal numbers of such a column have equal bytes, of this size.
+    [[nodiscard]] bool IsKeyNumber() const noexcept {
+        return Kind == skPlain && StampOffset < 0 && (Size == 4 || Size == 8) &&
+               !IsTextType(Type) && Type != dtDouble;
+    }
     [[nodiscard]] bool HasValue(const std::byte* buffer) const noexcept {
         return (LoadRaw<std::uint32_t>(buffer + NullOffset) & NullMask) != 0;
     }

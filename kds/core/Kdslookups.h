@@ -10,7 +10,11 @@
 
 #include <cstdint>
 
+#include "kds/core/Kdslayout.h"
+
 namespace kds {
+
+class TKdsTableRecordList;
 
 struct TKdsNormalLookup {
     std::int32_t Index = -1;
@@ -25,5 +29,24 @@ static_assert(sizeof(TKdsStaticLookup) == 2);
 
 enum class TKdsLookupKind : std::uint8_t { lkNormal, lkShort };
 using enum TKdsLookupKind;
+
+// How most reads of a reference column go: the key column is a stored number, as is the master's,
+// and what is shown is stored. Found once for the layouts of both tables.
+struct TKdsLookupPath {
+    const TKdsTableRecordList* Masters = nullptr;  // nullptr: not found, or they go another way
+    const TKdsLayout* MasterLayout = nullptr;
+    std::uint32_t Version = 0;  // of the layouts
+    std::uint32_t MasterVersion = 0;
+    bool IsShort = false;
+    TKdsSlot Source;  // the key column
+    TKdsSlot Key;     // the reference column
+    TKdsSlot Field;   // in the master
+    TKdsSlot Shown;
+
+    [[nodiscard]] bool IsFor(const TKdsLayout& layout) const noexcept {
+        return Masters != nullptr && Version == layout.Version() &&
+               MasterVersion == MasterLayout->Version();
+    }
+};
 
 }  // namespace kds

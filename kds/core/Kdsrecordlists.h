@@ -115,9 +115,14 @@ public:
     // an array of all rows, 8 bytes each, which is filled when they have asked for a quarter as
     // many and emptied by the next change of the list.
     [[nodiscard]] TKdsRecord* LookedUp(std::int32_t index) {
+        TKdsRecord* const row = InDirectory(index);
+        return row != nullptr ? row : LookUp(index);
+    }
+    // nullptr also while there is no such array.
+    [[nodiscard]] TKdsRecord* InDirectory(std::int32_t index) const noexcept {
         // One comparison: a negative position becomes a huge one.
         const auto place = static_cast<std::size_t>(static_cast<std::uint32_t>(index));
-        return place < fDirectory.size() ? fDirectory[place] : LookUp(index);
+        return place < fDirectory.size() ? fDirectory[place] : nullptr;
     }
     [[nodiscard]] TIterator begin() const noexcept { return TIterator(fItems.begin()); }
     [[nodiscard]] TIterator end() const noexcept { return TIterator(fItems.end()); }

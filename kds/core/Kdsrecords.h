@@ -350,6 +350,9 @@ private:
     // ---- Lookups ----
     bool ReadLookup(const TKdsColumn* column, TKdsReading reading, TKdsScratch& scratch,
                     TKdsValue& value);
+    // Apart, so that the usual read saves no registers for it.
+    [[gnu::noinline]] bool FollowLookup(const TKdsColumn* column, TKdsReading reading,
+                                        TKdsScratch& scratch, TKdsValue& value);
     void StoreKey(const TKdsColumn* column, const void* data, std::int32_t size);
     void StoreReferenceKey(const TKdsColumn* column, const TKdsSlot& slot, const void* data,
                            std::int32_t size);

@@ -125,6 +125,8 @@ void TKdsRecord::RefreshDelayed(const TKdsColumn* column, const TKdsSlot& slot) 
 }
 
 bool TKdsRecord::GetDataP(const TKdsColumn* column, const void*& data, std::int32_t& size) {
+    // Two lines of the cache are asked for at once, where one would tell of the other.
+    if (column != nullptr) kds::Prefetch(HomeBuffer() + column->DataOffset());
     CheckColumn(column);
     TKdsValue value;
     if (column->GetIsReference() && column->TargetField() == nullptr) {

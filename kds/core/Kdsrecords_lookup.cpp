@@ -43,17 +43,19 @@ TKdsCompareOptions KeyRule(const TKdsColumn* column) {
     return options;
 }
 
+bool IsSameNumber(const void* a, const void* b, std::int32_t size) noexcept {
+    return size == 4 ? LoadRaw<std::uint32_t>(a) == LoadRaw<std::uint32_t>(b)
+                     : LoadRaw<std::uint64_t>(a) == LoadRaw<std::uint64_t>(b);
+}
+
 // Numbers that are stored are compared as they lie; texts by the rule of the master's key.
 bool HoldsKey(TKdsRecord* row, const TKdsColumn* column, const void* data, std::int32_t size) {
     const TKdsColumn* const field = column->MasterField();
     const TKdsSlot& slot = row->Table()->Layout().Slot(field->Index());
-    if (slot.Kind == skPlain && slot.Size == size && (size == 4 || size == 8) &&
-        !IsTextType(slot.Type) && slot.Type != dtDouble && slot.StampOffset < 0) {
+    if (slot.IsKeyNumber() && slot.Size == size) {
         const std::byte* const buffer = row->BufferFor(TKdsReading::Posted);
-        if (buffer == nullptr || !slot.HasValue(buffer)) return false;
-        const std::byte* const place = buffer + slot.Offset;
-        return size == 4 ? LoadRaw<std::uint32_t>(place) == LoadRaw<std::uint32_t>(data)
-                         : LoadRaw<std::uint64_t>(place) == LoadRaw<std::uint64_t>(data);
+        return buffer != nullptr && slot.HasValue(buffer) &&
+               IsSameNumber(buffer + slot.Offset, data, size);
     }
     TKdsScratch scratch;
     TKdsValue value;
@@ -237,9 +239,34 @@ TKdsRecord* TKdsRecord::MasterRow(const TKdsColumn* column, TKdsReading reading,
     return row;
 }
 
+// The way of most reads, which calls nothing: the row at the place of the key, if it has the value
+// and is not being changed. Everything else takes the long way.
 bool TKdsRecord::ReadLookup(const TKdsColumn* column, TKdsReading reading, TKdsScratch& scratch,
                             TKdsValue& value) {
+    const TKdsLookupPath& path = column->fPath;
+    const std::byte* const buffer = BufferFor(reading);
+    if (!path.IsFor(fTable->Layout()) || fTable->fKeyValues != nullptr || buffer == nullptr ||
+        !path.Source.HasValue(buffer) || !path.Key.HasValue(buffer)) {
+        return FollowLookup(column, reading, scratch, value);
+    }
+    const std::byte* const key = buffer + path.Key.Offset;
+    const TKdsRecord* const row = path.Masters->InDirectory(
+        path.IsShort ? LoadRaw<std::uint16_t>(key) : LoadRaw<std::int32_t>(key));
+    if (row == nullptr || row->fRowState != rsRegular) {
+        return FollowLookup(column, reading, scratch, value);
+    }
+    const std::byte* const values = row->fBuffer.Original;
+    if (!path.Field.HasValue(values) ||
+        !IsSameNumber(values + path.Field.Offset, buffer + path.Source.Offset, path.Field.Size)) {
+        return FollowLookup(column, reading, scratch, value);
+    }
+    return path.Shown.HasValue(values) && ReadSlot(path.Shown, values, value);
+}
+
+bool TKdsRecord::FollowLookup(const TKdsColumn* column, TKdsReading reading, TKdsScratch& scratch,
+                              TKdsValue& value) {
     if (const TKdsKeyValues* const key = fTable->KeyValuesOf(this)) return key->Read(column, value);
+    if (column->fMasterTable != nullptr && !InParallelSort) column->FindPath();
     bool hasKey = false;
     TKdsRecord* const row = MasterRow(column, reading, hasKey);
     if (row == nullptr) {

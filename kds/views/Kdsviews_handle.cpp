@@ -26,6 +26,11 @@ void TKdsView::HandleData(TNotification* notification) {
         RaiseEvent(evStatusChange, 0, fChangeCount, nullptr);
     });
     Follow(notification);
+    // A master has changed on the way: the row was placed among rows that stand wrong, so that
+    // placing these anew is not enough.
+    const bool placed =
+        notification->Action == acConfirmInsert || notification->Action == acConfirmUpdate;
+    if (placed && fReadsOthers && !IsFresh()) fSources.clear();
     dismiss.Dismiss();
 }
 
