@@ -6,7 +6,9 @@
 // Threads    The catalogue is constant; any thread may raise.
 #pragma once
 
+#include <cstdint>
 #include <initializer_list>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -18,6 +20,19 @@ namespace kds {
 struct TMessage {
     std::u16string_view Key;
     std::u16string_view Text;
+};
+
+// Why data could not be loaded: the message says that they could not, the cause why, and the offset
+// where in the stream the item begins that is at fault.
+class EKdsStreamError : public EKdsError {
+public:
+    EKdsStreamError(std::u16string_view cause, std::int64_t offset);
+    [[nodiscard]] std::u16string_view Cause() const noexcept { return *fCause; }
+    [[nodiscard]] std::int64_t Offset() const noexcept { return fOffset; }
+
+private:
+    std::shared_ptr<const std::u16string> fCause;  // so that copying cannot fail
+    std::int64_t fOffset;
 };
 
 // The translated text of a key of section "Kds.Errors".

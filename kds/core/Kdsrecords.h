@@ -280,6 +280,8 @@ private:
     friend class TKdsTable;
     friend class TKdsTableRecordList;
     friend class TKdsStateScope;
+    friend class TKdsTableReader;
+    friend class TKdsTableWriter;
     friend class TKdsView;
 
     explicit TKdsRecord(TKdsTable* table) noexcept;

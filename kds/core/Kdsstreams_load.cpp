@@ -1,0 +1,348 @@
+// Reading of table streams, which may be damaged or made to harm: every number is checked before
+// anything is done with it, and whatever fails, the table is then what it was before.
+#include "kds/core/Kdsstreams.h"
+#include "kds/core/Kdserrors.h"
+#include "kds/core/Kdsstreams_format.h"
+#include "kds/core/Kdstables.h"
+#include "kds/platform/Text.h"
+#include "kds/util/Tagstream.h"
+
+namespace kds {
+
+// What loading may change of a table besides adding rows.
+class TKdsTableReader {
+public:
+    TKdsTableReader(TKdsTable* table, TStream& stream, TKdsLoadRecordEvent onRecord,
+                    IKdsProgress* progress);
+    TKdsLoadResult Read();
+
+private:
+    // A row with more bytes than this needs a table that the host has defined: a short stream must
+    // not claim much memory.
+    static constexpr std::int32_t MaximumCreatedRecord = 16 * 1024 * 1024;
+
+    void Load();
+    void ReadHead();
+    void ReadStructure();
+    void TakeColumn(bool create, std::int32_t index);
+    void ReadRecords();
+    void ReadRecord();
+    void TakeBuffer(std::byte* buffer, std::span<const std::byte> bytes);
+    void TakeMemos(std::byte* buffer, std::int32_t size);
+    void TakeCustomData(std::byte* buffer, std::int32_t size);
+    [[nodiscard]] std::span<const std::byte> TakeBytes();
+    void Undo() noexcept;
+    void RemoveRows(TFirstError& errors);
+    // Calls a routine of the host, whose exceptions are its own.
+    template <typename F>
+    void CallHost(F&& routine) {
+        const TKdsBusyScope busy(fTable);
+        fInHost = true;
+        routine();
+        fInHost = false;
+    }
+
+    TKdsTable* fTable;
+    TStream& fStream;
+    TKdsLoadRecordEvent fOnRecord;
+    IKdsProgress* fProgress;
+    std::int64_t fStart;
+    TTagReader fReader;
+    std::vector<TStreamShape> fShape;  // one, once the columns are there
+    bool fStrips = false;
+    std::vector<std::uint32_t> fStoredBits;  // of the columns that a buffer may hold
+    TKdsLoadResult fResult;
+    bool fInHost = false;
+
+    struct TBefore {
+        std::int32_t Rows;
+        std::uint32_t LastRowID;
+        bool Modified;
+        TKdsTableOptions Options;
+        std::u16string Name;
+        std::int32_t Tag;
+        std::int32_t Columns;
+        std::vector<std::int64_t> AutoIncNext;
+    } fBefore;
+};
+
+TKdsTableReader::TKdsTableReader(TKdsTable* table, TStream& stream, TKdsLoadRecordEvent onRecord,
+                                 IKdsProgress* progress)
+    : fTable(table),
+      fStream(stream),
+      fOnRecord(onRecord),
+      fProgress(progress),
+      fStart(stream.Position()),
+      fReader(stream),
+      fStrips(table->fOptions.Has(mtoStripNulls)),
+      fBefore{table->Records()->Count(),
+              table->fLastRowID,
+              table->fModified,
+              table->fOptions,
+              table->Name(),
+              table->fTag,
+              table->Columns()->Count(),
+              {}} {
+    for (const TKdsColumn* const column : *table->Columns()) {
+        fBefore.AutoIncNext.push_back(column->fAutoIncNext);
+    }
+}
+
+// Undone is what the host stopped or has raised as well. Only its own exceptions, and that memory
+// ran out, reach it as they are.
+TKdsLoadResult TKdsTableReader::Read() {
+    TKdsTravelGuard guard;  // links hear of the rows, and may end the table
+    std::u16string cause;
+    try {
+        Load();
+        if (fResult.Stopped) Undo();
+        if (!fResult.Stopped) fReader.GiveBack();
+        return fResult;
+    } catch (const Exception& error) {
+        Undo();
+        if (fInHost) throw;
+        cause = error.Message();
+    } catch (...) {
+        Undo();
+        throw;
+    }
+    throw EKdsStreamError(cause, fReader.Position());
+}
+
+void TKdsTableReader::Load() {
+    ReadHead();
+    TKdsLoad load(fTable, mtsMassive);
+    ReadRecords();
+    if (fResult.Stopped) {
+        Undo();
+    } else {
+        load.Leave();  // raises what the rebuilt views have to say, of duplicates for instance
+    }
+}
+
+// ---- Head ---------------------------------------------------------------------------------
+
+void TKdsTableReader::ReadHead() {
+    if (fReader.ReadInteger() != StreamVersion) throw EStreamError(u"Another version");
+    if (fReader.ReadInteger(0, StreamHasStructure) != 0) ReadStructure();
+    const TKdsLayout& layout = fTable->Layout();
+    fShape.emplace_back(fTable);
+    fStoredBits.assign(static_cast<std::size_t>(layout.NullBytes()) / 4, 0);
+    for (std::int32_t i = 0; i < layout.ColumnCount(); ++i) {
+        const TKdsSlot& slot = layout.Slot(i);
+        if (slot.Kind != skComputed) {
+            fStoredBits[static_cast<std::size_t>(slot.NullOffset) / 4] |= slot.NullMask;
+        }
+    }
+}
+
+void TKdsTableReader::ReadStructure() {
+    constexpr auto widest = std::numeric_limits<std::int32_t>::max();
+    constexpr std::int64_t shortestColumn = 5;  // two bytes of text, three of numbers
+    TKdsTableColumnList* const columns = fTable->Columns();
+    const bool create = columns->Count() == 0;
+    const std::u16string name = fReader.ReadString();
+    const std::int64_t tag = fReader.ReadInteger(std::numeric_limits<std::int32_t>::min(), widest);
+    const auto options = TKdsTableOptions::FromBits(fReader.ReadByte());
+    if (!StreamedOptions.HasAll(options)) throw EStreamError(u"Options that no table has");
+    fStrips = options.Has(mtoStripNulls);
+    const std::int64_t recordSize = fReader.ReadInteger(0, widest);
+    const std::int64_t count = fReader.ReadInteger(0, fReader.Remaining() / shortestColumn);
+    if (!create && count != columns->Count()) throw EStreamError(u"Another number of columns");
+    for (std::int32_t i = 0; i < count; ++i) TakeColumn(create, i);
+    if (recordSize != columns->RecordSize()) throw EStreamError(u"Another size of records");
+    if (create) {
+        if (fTable->Name() != name) fTable->SetName(name);
+        fTable->SetTag(static_cast<std::int32_t>(tag));
+    }
+    // Rows that are there are kept as they are.
+    TKdsTableOptions taken = options;
+    taken.Set(mtoOnceLoaded, fTable->fOptions.Has(mtoOnceLoaded));
+    if (fBefore.Rows == 0) fTable->SetOptions(taken);
+}
+
+void TKdsTableReader::TakeColumn(bool create, std::int32_t index) {
+    constexpr auto widest = std::numeric_limits<std::int32_t>::max();
+    const auto type = static_cast<TKdsDataType>(
+        fReader.ReadInteger(static_cast<int>(dtUnknown) + 1, static_cast<int>(dtCustomData)));
+    const std::u16string name = fReader.ReadString();
+    const std::int64_t dataSize = fReader.ReadInteger(0, widest);
+    const std::int64_t length = fReader.ReadInteger(0, MaximumColumnLength);
+    TKdsTableColumnList* const columns = fTable->Columns();
+    if (create) {
+        columns->Add(name, type, static_cast<std::int32_t>(length));
+        if (columns->RecordSize() > MaximumCreatedRecord) {
+            throw EStreamError(u"Records too large for a table that is not defined yet");
+        }
+    }
+    const TKdsColumn* const column = columns->Items(index);
+    if (column->DataType() != type || column->DataSize() != dataSize) {
+        throw EStreamError(u"Another type or size of a column");
+    }
+}
+
+// ---- Records ------------------------------------------------------------------------------
+
+void TKdsTableReader::ReadRecords() {
+    const std::int64_t shortest =
+        2 + (fStrips ? 1 + fTable->Layout().NullBytes() : fTable->Layout().RecordSize());
+    const auto count =
+        static_cast<std::int32_t>(fReader.ReadInteger(0, std::numeric_limits<std::int32_t>::max()));
+    if (count > fReader.Remaining() / shortest) {
+        throw EStreamError(u"More records than there is room for");
+    }
+    if (fProgress != nullptr) CallHost([&] { fProgress->Start(count); });
+    for (std::int32_t i = 0; i < count && !fResult.Stopped; ++i) {
+        ReadRecord();
+        if (fProgress != nullptr) CallHost([&] { fResult.Stopped = !fProgress->Step(1); });
+    }
+}
+
+void TKdsTableReader::ReadRecord() {
+    const std::int32_t recordSize = fTable->Layout().RecordSize();
+    const auto decimals = static_cast<std::int8_t>(fReader.ReadInteger(-1, 127));
+    const std::uint8_t flags = fReader.ReadByte();
+    if ((flags & ~StreamedRowFlags) != 0) throw EStreamError(u"Flags that no record has");
+    const auto size =
+        fStrips ? static_cast<std::int32_t>(fReader.ReadInteger(0, recordSize)) : recordSize;
+    const auto bytes = fReader.Take(static_cast<std::size_t>(size));
+    TOwned<TKdsRecord> record = TKdsRecord::Create(fTable, false);
+    std::byte* const buffer = record->fBuffer.Proposed;
+    TakeBuffer(buffer, bytes);
+    if (!fShape[0].Memos.empty()) TakeMemos(buffer, size);
+    if (!fShape[0].CustomData.empty()) TakeCustomData(buffer, size);
+    record->fDecimals = decimals;
+    record->SetHighlight(flags != 0);
+    bool accept = true;
+    if (fOnRecord) CallHost([&] { fOnRecord(fTable, record.get(), accept); });
+    if (!accept) {
+        ++fResult.Refused;
+        return;
+    }
+    fTable->Records()->Add(std::move(record));
+    ++fResult.Loaded;
+}
+
+// References come in as anything: they are gone before anybody can follow one.
+void TKdsTableReader::TakeBuffer(std::byte* buffer, std::span<const std::byte> bytes) {
+    const TKdsLayout& layout = fTable->Layout();
+    if (!bytes.empty()) std::memcpy(buffer, bytes.data(), bytes.size());
+    fShape[0].ClearForeign(buffer, layout.RecordSize());
+    for (std::size_t word = 0; word < fStoredBits.size(); ++word) {
+        std::byte* const place = buffer + word * 4;
+        StoreRaw(place, LoadRaw<std::uint32_t>(place) & fStoredBits[word]);
+    }
+    for (const std::int32_t column : layout.DelayedColumns()) {
+        StoreRaw(buffer + layout.Slot(column).StampOffset,
+                 static_cast<std::uint32_t>(fTable->fVersion) - 1);  // not calculated yet
+    }
+    if (static_cast<std::size_t>(layout.CompactSize(buffer)) > bytes.size()) {
+        throw EStreamError(u"A record that ends before its last value");
+    }
+    for (const std::int32_t column : fShape[0].Texts) {
+        const TKdsSlot& slot = layout.Slot(column);
+        const std::int32_t length = LoadRaw<std::uint16_t>(buffer + slot.Offset);
+        if (slot.HasValue(buffer) && length > fTable->Columns()->GetItem(column)->Length()) {
+            throw EStreamError(u"A text longer than its column");
+        }
+    }
+}
+
+std::span<const std::byte> TKdsTableReader::TakeBytes() {
+    const auto size = LoadRaw<std::int32_t>(fReader.Take(4).data());
+    if (size < 0 || size > fReader.Remaining()) throw EStreamError(u"A length out of its range");
+    return fReader.Take(static_cast<std::size_t>(size));
+}
+
+void TKdsTableReader::TakeMemos(std::byte* buffer, std::int32_t size) {
+    for (const TKdsColumn* const column : fShape[0].Memos) {
+        if (column->DataOffset() >= size) break;
+        const auto bytes = TakeBytes();
+        const TKdsSlot& slot = fTable->Layout().Slot(column->Index());
+        if (slot.Kind != skMemo) continue;  // calculated on reading
+        if (!slot.HasValue(buffer)) {
+            if (!bytes.empty()) throw EStreamError(u"A text of a column that is null");
+            continue;
+        }
+        TAnsiString text = fTable->Strings()->ReferString(
+            column, {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+        StoreRaw(buffer + slot.Offset, text.Detach());
+    }
+}
+
+void TKdsTableReader::TakeCustomData(std::byte* buffer, std::int32_t size) {
+    for (const TKdsColumn* const column : fShape[0].CustomData) {
+        const TKdsSlot& slot = fTable->Layout().Slot(column->Index());
+        if (slot.Offset >= size) break;
+        if (!slot.HasValue(buffer)) continue;
+        const auto bytes = TakeBytes();
+        if (!column->CustomData()) {
+            slot.MarkNull(buffer);
+            continue;
+        }
+        const TKdsBusyScope busy(fTable);
+        IntfToBuffer(buffer + slot.Offset, column->CustomData()->Read(bytes));
+    }
+}
+
+// ---- Undoing ------------------------------------------------------------------------------
+
+void TKdsTableReader::Undo() noexcept {
+    if (fTable->fColumns == nullptr) return;  // somebody has ended it
+    TFirstError unheard;
+    unheard.Run([&] { RemoveRows(unheard); });
+    if (fTable->Records()->Count() == fBefore.Rows) fTable->fLastRowID = fBefore.LastRowID;
+    fTable->fModified = fBefore.Modified;
+    TKdsTableColumnList* const columns = fTable->Columns();
+    while (columns->Count() > fBefore.Columns) {
+        const std::int32_t count = columns->Count();
+        unheard.Run([&] { columns->Delete(count - 1); });
+        if (columns->Count() == count) break;
+    }
+    for (std::size_t i = 0; i < fBefore.AutoIncNext.size(); ++i) {
+        columns->GetItem(static_cast<std::int32_t>(i))->fAutoIncNext = fBefore.AutoIncNext[i];
+    }
+    unheard.Run([&] { fTable->SetOptions(fBefore.Options); });
+    if (fTable->Name() != fBefore.Name) unheard.Run([&] { fTable->SetName(fBefore.Name); });
+    fTable->fTag = fBefore.Tag;
+    unheard.Run([&] { fStream.Seek(fStart); });
+}
+
+// The last one first, and only those that were loaded: links may have added others meanwhile. With
+// the views off, as they are while the rows come in.
+void TKdsTableReader::RemoveRows(TFirstError& errors) {
+    TKdsTableRecordList* const rows = fTable->Records();
+    if (rows->Count() == fBefore.Rows) return;
+    const bool inBracket = fTable->fLoadLocks > 0;
+    const std::uint32_t end = fTable->fLastRowID;
+    if (!inBracket) errors.Run([&] { fTable->EnterLoad(mtsMassive); });
+    for (std::int32_t i = rows->Count() - 1; i >= fBefore.Rows; --i) {
+        const std::uint32_t id = rows->ItemAt(i)->RowID();
+        if (id >= fBefore.LastRowID && id < end) errors.Run([&] { rows->Delete(i); });
+    }
+    if (!inBracket) errors.Run([&] { fTable->LeaveLoad(); });
+}
+
+// ---- The table ----------------------------------------------------------------------------
+
+TKdsLoadResult TKdsTable::LoadFromStream(TStream& stream, TKdsLoadRecordEvent onRecord,
+                                         IKdsProgress* progress) {
+    CheckNotBusy();
+    return TKdsTableReader(this, stream, onRecord, progress).Read();
+}
+
+TKdsLoadResult TKdsTable::LoadFromFile(std::u16string_view fileName, TKdsLoadRecordEvent onRecord,
+                                       IKdsProgress* progress) {
+    CheckNotBusy();
+    std::unique_ptr<TFileStream> stream;
+    std::u16string cause;
+    try {
+        stream = std::make_unique<TFileStream>(FileSystem().OpenRead(fileName));
+    } catch (const EStreamError& error) {
+        cause = error.Message();
+    }
+    if (stream == nullptr) throw EKdsStreamError(cause, 0);
+    return LoadFromStream(*stream, onRecord, progress);
+}
+
+}  // namespace kds
