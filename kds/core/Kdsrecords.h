@@ -355,6 +355,12 @@ private:
     void StoreReferenceKey(const TKdsColumn* column, const TKdsSlot& slot, const void* data,
                            std::int32_t size);
     void StoreVirtual(const TKdsColumn* source, const TKdsNormalLookup& key);
+    // The key of a virtual key column in a buffer, in its own slot and in all that follow it:
+    // unresolved where it holds none.
+    [[nodiscard]] static TKdsNormalLookup VirtualKeyIn(const TKdsColumn* source,
+                                                       const std::byte* buffer) noexcept;
+    static void SetVirtualKeyIn(const TKdsColumn* source, const TKdsNormalLookup& key,
+                                std::byte* buffer) noexcept;
     void SaveKeys(const TKdsColumn* source, const TKdsNormalLookup& key);
     void NullReferences(const TKdsColumn* source);
     // The master's rows have gone, and their identifiers come again.

@@ -19,7 +19,9 @@ private:
     void WriteStructure();
     void WriteRecord(TKdsRecord* record);
     [[nodiscard]] std::int32_t SizeOf(const std::byte* buffer);
-    void WriteBuffer(const std::byte* buffer, std::int32_t size);
+    void WriteBuffer(TKdsRecord* record, const std::byte* buffer, std::int32_t size);
+    void PointVirtualKeys(TKdsRecord* record, std::byte* copy);
+    void WriteVirtualKeys(TKdsRecord* record);
     void WriteMemos(TKdsRecord* record, std::int32_t size);
     void WriteCustomData(TKdsRecord* record, std::int32_t size);
     void WriteBytes(std::span<const std::byte> bytes);
@@ -30,6 +32,8 @@ private:
     TTagWriter fWriter;
     std::vector<std::byte> fNulls;
     std::vector<std::byte> fLong;
+    std::vector<std::byte> fValue;
+    std::vector<bool> fHasValue;  // of the virtual keys
     TKdsScratch fScratch;
 };
 
@@ -75,8 +79,9 @@ void TKdsTableWriter::WriteRecord(TKdsRecord* record) {
     fWriter.WriteInteger(record->fDecimals);
     fWriter.WriteByte(record->fRowFlags & StreamedRowFlags);
     if (fShape.Strips) fWriter.WriteInteger(size);
-    WriteBuffer(buffer, size);
+    WriteBuffer(record, buffer, size);
     if (!fShape.Memos.empty()) WriteMemos(record, size);
+    if (!fShape.VirtualKeys.empty()) WriteVirtualKeys(record);
     if (!fShape.CustomData.empty()) WriteCustomData(record, size);
 }
 
@@ -93,7 +98,7 @@ std::int32_t TKdsTableWriter::SizeOf(const std::byte* buffer) {
 
 // The buffer without what means something to this process alone: references, stamps, and what
 // longer texts have left behind shorter ones.
-void TKdsTableWriter::WriteBuffer(const std::byte* buffer, std::int32_t size) {
+void TKdsTableWriter::WriteBuffer(TKdsRecord* record, const std::byte* buffer, std::int32_t size) {
     const auto bytes = static_cast<std::size_t>(size);
     const bool isLong = bytes > TagBufferSize;
     if (isLong) fLong.resize(bytes);
@@ -109,7 +114,41 @@ void TKdsTableWriter::WriteBuffer(const std::byte* buffer, std::int32_t size) {
         std::memset(copy + slot.Offset + used, 0, static_cast<std::size_t>(slot.Size - used));
     }
     for (const std::int32_t column : fShape.Unwritable) fLayout.Slot(column).MarkNull(copy);
+    if (!fShape.VirtualKeys.empty()) PointVirtualKeys(record, copy);
     if (isLong) fWriter.WriteRaw(fLong);
+}
+
+// The keys say where their rows stand now. One without a value is unresolved in the stream, so that
+// a reader knows that nothing follows.
+void TKdsTableWriter::PointVirtualKeys(TKdsRecord* record, std::byte* copy) {
+    fHasValue.assign(fShape.VirtualKeys.size(), false);
+    for (std::size_t i = 0; i < fShape.VirtualKeys.size(); ++i) {
+        const TKdsColumn* const column = fShape.VirtualKeys[i];
+        if (!fLayout.Slot(column->Index()).HasValue(copy)) continue;
+        bool hasKey = false;
+        TKdsRecord* const row = record->MasterRow(column, TKdsReading::Current, hasKey);
+        TKdsValue value;
+        fHasValue[i] = row != nullptr && column->DataType() != dtCustomData &&
+                       record->ReadValue(column, TKdsReading::Current, fScratch, value);
+        TKdsRecord::SetVirtualKeyIn(
+            column, fHasValue[i] ? TKdsRecord::KeyOf(row) : TKdsNormalLookup{}, copy);
+    }
+}
+
+void TKdsTableWriter::WriteVirtualKeys(TKdsRecord* record) {
+    for (std::size_t i = 0; i < fShape.VirtualKeys.size(); ++i) {
+        if (!fHasValue[i]) continue;
+        const TKdsColumn* const column = fShape.VirtualKeys[i];
+        TKdsValue value;
+        // A value that has gone since, by the hand of a calculation, counts as no bytes.
+        if (!record->ReadValue(column, TKdsReading::Current, fScratch, value)) value = {};
+        StreamValue(column, value, fValue);
+        if (column->DataType() == dtMemoString) {
+            WriteBytes(fValue);
+        } else {
+            fWriter.WriteRaw(fValue);
+        }
+    }
 }
 
 void TKdsTableWriter::WriteMemos(TKdsRecord* record, std::int32_t size) {

@@ -34,7 +34,9 @@ using TKdsLoadRecordEvent = TDelegate<void(TKdsTable*, TKdsRecord*, bool&)>;
 struct TKdsLoadResult {
     std::int32_t Loaded = 0;
     std::int32_t Refused = 0;  // by OnRecord
-    bool Stopped = false;      // by the progress: nothing was loaded
+    // Values of virtual keys that no master row holds: they read as a lookup that leads nowhere.
+    std::int32_t Unresolved = 0;
+    bool Stopped = false;  // by the progress: nothing was loaded
 };
 
 }  // namespace kds

@@ -19,6 +19,17 @@ inline constexpr std::int64_t StreamHasStructure = 1;
 inline constexpr TKdsTableOptions StreamedOptions{mtoSkipPKCheck, mtoStaticData, mtoStripNulls};
 inline constexpr std::uint8_t StreamedRowFlags = 1 << static_cast<int>(rfHighlight);
 
+// The value of a virtual key as it stands in a stream: of a memo column all of its bytes, of others
+// as many as the column's size says, filled up with zeros.
+inline void StreamValue(const TKdsColumn* column, const TKdsValue& value,
+                        std::vector<std::byte>& bytes) {
+    const std::size_t unit = value.Type == dtWideString ? 2 : 1;
+    bytes.assign(value.Data, value.Data + static_cast<std::size_t>(value.Size) * unit);
+    if (column->DataType() != dtMemoString) {
+        bytes.resize(static_cast<std::size_t>(column->DataSize()));
+    }
+}
+
 struct TStreamShape {
     explicit TStreamShape(const TKdsTable* table) : Strips(table->Options().Has(mtoStripNulls)) {
         const TKdsLayout& layout = table->Layout();
@@ -32,7 +43,9 @@ struct TStreamShape {
                 Texts.push_back(column->Index());
             }
             // One that is calculated on reading comes along, and is not kept by who reads it.
-            if (column->Occurences().Has(coMemoString) && !column->GetIsReference()) {
+            if (column->GetIsVirtualKey()) {
+                VirtualKeys.push_back(column);
+            } else if (column->Occurences().Has(coMemoString) && !column->GetIsReference()) {
                 Memos.push_back(column);
             }
             if (slot.Kind == skCustom) {
@@ -54,6 +67,7 @@ struct TStreamShape {
     std::vector<std::int32_t> Texts;                             // with a length in the slot
     std::vector<std::int32_t> LateReferences;  // calculated, and not in the buffer
     std::vector<const TKdsColumn*> Memos;
+    std::vector<const TKdsColumn*> VirtualKeys;
     std::vector<const TKdsColumn*> CustomData;
     std::vector<std::int32_t> Unwritable;  // custom data without a handler
 };

@@ -6,6 +6,7 @@
 #include "kds/core/Kdstables.h"
 #include "kds/platform/Text.h"
 #include "kds/util/Tagstream.h"
+#include "kds/views/Kdsviewlists.h"
 
 namespace kds {
 
@@ -19,7 +20,15 @@ public:
 private:
     // A row with more bytes than this needs a table that the host has defined: a short stream must
     // not claim much memory.
-    static constexpr std::int32_t MaximumCreatedRecord = 16 * 1024 * 1024;
+    static constexpr std::int32_t MaximumCreatedRecord = 1024 * 1024;
+    // The value of a virtual key whose master row is still to be found, perhaps among the rows that
+    // follow.
+    struct TPending {
+        std::uint32_t RowID;
+        std::int32_t Column;
+        std::int32_t Position;    // of the master row, in the table that was saved
+        std::size_t Start, Size;  // of the value in fValues
+    };
 
     void Load();
     void ReadHead();
@@ -30,7 +39,14 @@ private:
     void TakeBuffer(std::byte* buffer, std::span<const std::byte> bytes);
     void TakeMemos(std::byte* buffer, std::int32_t size);
     void TakeCustomData(std::byte* buffer, std::int32_t size);
+    void TakeVirtualKeys(std::byte* buffer);
     [[nodiscard]] std::span<const std::byte> TakeBytes();
+    void ResolvePending(bool among);
+    [[nodiscard]] bool Resolve(const TPending& pending, bool among);
+    [[nodiscard]] TKdsRecord* MasterAt(TKdsTable* master, std::int32_t position);
+    [[nodiscard]] bool FindByValue(TKdsRecord* record, const TKdsColumn* column,
+                                   std::span<const std::byte> bytes, TKdsNormalLookup& key);
+    void Point(TKdsRecord* record, const TKdsColumn* column, const TKdsNormalLookup& key);
     void Undo() noexcept;
     void RemoveRows(TFirstError& errors);
     // Calls a routine of the host, whose exceptions are its own.
@@ -53,6 +69,11 @@ private:
     std::vector<std::uint32_t> fStoredBits;  // of the columns that a buffer may hold
     TKdsLoadResult fResult;
     bool fInHost = false;
+    std::vector<std::byte> fValues;
+    std::vector<TPending> fPending;
+    std::size_t fFirstPending = 0;       // of the record that is being read
+    std::vector<std::uint32_t> fRowIDs;  // by position in the stream, where rows mean each other
+    bool fMeansItself = false;
 
     struct TBefore {
         std::int32_t Rows;
@@ -95,8 +116,11 @@ TKdsLoadResult TKdsTableReader::Read() {
     std::u16string cause;
     try {
         Load();
-        if (fResult.Stopped) Undo();
-        if (!fResult.Stopped) fReader.GiveBack();
+        if (fResult.Stopped) {
+            fResult = {.Stopped = true};
+        } else {
+            fReader.GiveBack();
+        }
         return fResult;
     } catch (const Exception& error) {
         Undo();
@@ -112,12 +136,17 @@ TKdsLoadResult TKdsTableReader::Read() {
 void TKdsTableReader::Load() {
     ReadHead();
     TKdsLoad load(fTable, mtsMassive);
-    ReadRecords();
-    if (fResult.Stopped) {
-        Undo();
-    } else {
-        load.Leave();  // raises what the rebuilt views have to say, of duplicates for instance
+    {
+        // Before the views are built again: nobody sees the rows.
+        TScopeGuard undo([&] { Undo(); });
+        ReadRecords();
+        if (fResult.Stopped) return;
+        ResolvePending(false);
+        undo.Dismiss();
     }
+    load.Leave();  // raises what the rebuilt views have to say, of duplicates for instance
+    ResolvePending(true);
+    fResult.Unresolved = static_cast<std::int32_t>(fPending.size());
 }
 
 // ---- Head ---------------------------------------------------------------------------------
@@ -127,6 +156,9 @@ void TKdsTableReader::ReadHead() {
     if (fReader.ReadInteger(0, StreamHasStructure) != 0) ReadStructure();
     const TKdsLayout& layout = fTable->Layout();
     fShape.emplace_back(fTable);
+    for (const TKdsColumn* const column : fShape[0].VirtualKeys) {
+        if (column->MasterTable() == fTable) fMeansItself = true;
+    }
     fStoredBits.assign(static_cast<std::size_t>(layout.NullBytes()) / 4, 0);
     for (std::int32_t i = 0; i < layout.ColumnCount(); ++i) {
         const TKdsSlot& slot = layout.Slot(i);
@@ -200,6 +232,7 @@ void TKdsTableReader::ReadRecords() {
 
 void TKdsTableReader::ReadRecord() {
     const std::int32_t recordSize = fTable->Layout().RecordSize();
+    fFirstPending = fPending.size();
     const auto decimals = static_cast<std::int8_t>(fReader.ReadInteger(-1, 127));
     const std::uint8_t flags = fReader.ReadByte();
     if ((flags & ~StreamedRowFlags) != 0) throw EStreamError(u"Flags that no record has");
@@ -210,17 +243,22 @@ void TKdsTableReader::ReadRecord() {
     std::byte* const buffer = record->fBuffer.Proposed;
     TakeBuffer(buffer, bytes);
     if (!fShape[0].Memos.empty()) TakeMemos(buffer, size);
+    if (!fShape[0].VirtualKeys.empty()) TakeVirtualKeys(buffer);
     if (!fShape[0].CustomData.empty()) TakeCustomData(buffer, size);
     record->fDecimals = decimals;
     record->SetHighlight(flags != 0);
     bool accept = true;
     if (fOnRecord) CallHost([&] { fOnRecord(fTable, record.get(), accept); });
-    if (!accept) {
+    std::uint32_t id = NoRowID;
+    if (accept) {
+        id = fTable->Records()->Add(std::move(record))->RowID();
+        ++fResult.Loaded;
+    } else {
         ++fResult.Refused;
-        return;
+        fPending.resize(fFirstPending);
     }
-    fTable->Records()->Add(std::move(record));
-    ++fResult.Loaded;
+    if (fMeansItself) fRowIDs.push_back(id);
+    for (std::size_t i = fFirstPending; i < fPending.size(); ++i) fPending[i].RowID = id;
 }
 
 // References come in as anything: they are gone before anybody can follow one.
@@ -285,6 +323,109 @@ void TKdsTableReader::TakeCustomData(std::byte* buffer, std::int32_t size) {
     }
 }
 
+// ---- Virtual keys -------------------------------------------------------------------------
+
+// All of them are unresolved until the last record has come.
+void TKdsTableReader::TakeVirtualKeys(std::byte* buffer) {
+    const TKdsLayout& layout = fTable->Layout();
+    for (const TKdsColumn* const column : fShape[0].VirtualKeys) {
+        const bool hasValue = layout.Slot(column->Index()).HasValue(buffer);
+        const TKdsNormalLookup key = TKdsRecord::VirtualKeyIn(column, buffer);
+        for (const TKdsColumn* follower = column->fFirstFollower; follower != nullptr;
+             follower = follower->fNextFollower) {
+            const TKdsSlot& slot = layout.Slot(follower->Index());
+            hasValue ? slot.MarkValue(buffer) : slot.MarkNull(buffer);
+        }
+        if (!hasValue) continue;
+        TKdsRecord::SetVirtualKeyIn(column, {}, buffer);
+        if (key.Index < 0) continue;
+        const auto bytes = column->DataType() == dtMemoString
+                               ? TakeBytes()
+                               : fReader.Take(static_cast<std::size_t>(column->DataSize()));
+        fPending.push_back({NoRowID, column->Index(), key.Index, fValues.size(), bytes.size()});
+        fValues.insert(fValues.end(), bytes.begin(), bytes.end());
+    }
+}
+
+// First by the positions, while the views are off. What is left may be found by value once they can
+// be searched: `among` tells that they can. A value may be that of another virtual key, so that one
+// leads to the next.
+void TKdsTableReader::ResolvePending(bool among) {
+    for (std::size_t before = fPending.size() + 1; fPending.size() < before;) {
+        before = fPending.size();
+        std::erase_if(fPending, [&](const TPending& pending) { return Resolve(pending, among); });
+    }
+}
+
+// Whether nothing is left to be done.
+bool TKdsTableReader::Resolve(const TPending& pending, bool among) {
+    TKdsRecord* const record = fTable->Records()->FindRowID(pending.RowID);
+    if (record == nullptr) return true;
+    const TKdsColumn* const column = fTable->Columns()->GetItem(pending.Column);
+    // The host may have decided meanwhile.
+    const std::byte* const buffer = record->FindBuffer();
+    if (!fTable->Layout().Slot(pending.Column).HasValue(buffer) ||
+        TKdsRecord::VirtualKeyIn(column, buffer).Index >= 0) {
+        return true;
+    }
+    TKdsTable* const master = column->MasterTable();
+    if (master == nullptr) return false;
+    const auto bytes = std::span(fValues).subspan(pending.Start, pending.Size);
+    TKdsNormalLookup key;
+    if (TKdsRecord* const row = MasterAt(master, pending.Position)) {
+        TKdsScratch scratch;
+        TKdsValue value;
+        std::vector<std::byte> held;
+        if (row->ReadValue(column->Shown(), TKdsReading::Current, scratch, value)) {
+            StreamValue(column, value, held);
+            if (std::ranges::equal(held, bytes)) key = TKdsRecord::KeyOf(row);
+        }
+    }
+    if (key.Index < 0 && (among || master != fTable) && !FindByValue(record, column, bytes, key)) {
+        return false;
+    }
+    if (key.Index < 0) return false;
+    Point(record, column, key);
+    return true;
+}
+
+TKdsRecord* TKdsTableReader::MasterAt(TKdsTable* master, std::int32_t position) {
+    if (master == fTable) {
+        const auto place = static_cast<std::size_t>(position);
+        return place < fRowIDs.size() ? master->Records()->FindRowID(fRowIDs[place]) : nullptr;
+    }
+    return position < master->Records()->Count() ? master->Records()->ItemAt(position) : nullptr;
+}
+
+bool TKdsTableReader::FindByValue(TKdsRecord* record, const TKdsColumn* column,
+                                  std::span<const std::byte> bytes, TKdsNormalLookup& key) {
+    auto size = bytes.size();
+    const std::size_t unit = column->DataType() == dtWideString ? 2 : 1;
+    if (IsTextType(column->DataType()) && column->DataType() != dtMemoString) {
+        // The zeros that fill it up.
+        const auto isZero = [](std::byte byte) { return byte == std::byte{0}; };
+        size -= size % unit;
+        while (size > 0 && std::ranges::all_of(bytes.subspan(size - unit, unit), isZero)) {
+            size -= unit;
+        }
+    }
+    return record->ResolveLookupKey(column,
+                                    bytes.empty() ? static_cast<const void*>("") : bytes.data(),
+                                    static_cast<std::int32_t>(size / unit), key);
+}
+
+// Views that are on hear of it.
+void TKdsTableReader::Point(TKdsRecord* record, const TKdsColumn* column,
+                            const TKdsNormalLookup& key) {
+    if (!fTable->Views()->Active()) {
+        TKdsRecord::SetVirtualKeyIn(column, key, const_cast<std::byte*>(record->FindBuffer()));
+        return;
+    }
+    record->Edit();
+    TKdsRecord::SetVirtualKeyIn(column, key, record->fBuffer.Proposed);
+    record->Post();
+}
+
 // ---- Undoing ------------------------------------------------------------------------------
 
 void TKdsTableReader::Undo() noexcept {
@@ -325,24 +466,33 @@ void TKdsTableReader::RemoveRows(TFirstError& errors) {
 
 // ---- The table ----------------------------------------------------------------------------
 
+namespace {
+
+// A stream that does not even tell its size cannot be loaded either.
+template <typename F>
+auto Opened(F&& open) {
+    try {
+        return open();
+    } catch (const EStreamError& error) {
+        throw EKdsStreamError(error.Message(), 0);
+    }
+}
+
+}  // namespace
+
 TKdsLoadResult TKdsTable::LoadFromStream(TStream& stream, TKdsLoadRecordEvent onRecord,
                                          IKdsProgress* progress) {
     CheckNotBusy();
-    return TKdsTableReader(this, stream, onRecord, progress).Read();
+    const auto reader =
+        Opened([&] { return std::make_unique<TKdsTableReader>(this, stream, onRecord, progress); });
+    return reader->Read();
 }
 
 TKdsLoadResult TKdsTable::LoadFromFile(std::u16string_view fileName, TKdsLoadRecordEvent onRecord,
                                        IKdsProgress* progress) {
     CheckNotBusy();
-    std::unique_ptr<TFileStream> stream;
-    std::u16string cause;
-    try {
-        stream = std::make_unique<TFileStream>(FileSystem().OpenRead(fileName));
-    } catch (const EStreamError& error) {
-        cause = error.Message();
-    }
-    if (stream == nullptr) throw EKdsStreamError(cause, 0);
-    return LoadFromStream(*stream, onRecord, progress);
+    TFileStream stream(Opened([&] { return FileSystem().OpenRead(fileName); }));
+    return LoadFromStream(stream, onRecord, progress);
 }
 
 }  // namespace kds
