@@ -274,8 +274,8 @@ protected:
         columns->Add(u"Text", dtAnsiString, 3);
         columns->Add(u"Wide", dtWideString, 2);
         columns->Add(u"Memo", dtMemoString)->SetDictionary(u"words:7");
+        columns->Add(u"Data", dtCustomData)->SetCustomData(MakeIntf<TNumberData>());
         if (GetParam().Defined) {
-            columns->Add(u"Data", dtCustomData)->SetCustomData(MakeIntf<TNumberData>());
             columns->Add(u"Boss", dtInteger)->ForeignKey(u"T", u"Id");
             columns->Columns(u"Boss")->SetVirtualKey(true);
         }
@@ -284,15 +284,13 @@ protected:
     }
     static void AddRows(TKdsTable* table, int first) {
         table->Insert({first, u"ab", u"\u0416x", u"memo"});
-        if (GetParam().Defined) {
-            const TIntf<IInterface> number = MakeIntf<TNumber>(std::uint8_t{3});
-            IInterface* const raw = number.Get();
-            TKdsRecord* const row = table->Records()->Add(table->NewRow({first + 1}));
-            TKdsEdit edit(row);
-            row->SetDataP(table->Columns()->Items(4), &raw, 8);
-            row->SetDataN(u"Boss", first);
-            edit.Post();
-        }
+        const TIntf<IInterface> number = MakeIntf<TNumber>(std::uint8_t{3});
+        IInterface* const raw = number.Get();
+        TKdsRecord* const row = table->Records()->Add(table->NewRow({first + 1}));
+        TKdsEdit edit(row);
+        row->SetDataP(table->Columns()->Items(4), &raw, 8);
+        if (GetParam().Defined) row->SetDataN(u"Boss", first);
+        edit.Post();
         table->Insert({first + 2, Null, Null, u"memo"});
     }
     static TTarget Target() {
@@ -323,6 +321,12 @@ protected:
         } else {
             // Reads all there is.
             EXPECT_FALSE(Saved(target.Table).empty() || StateOf(target.Table).empty());
+            // Nobody there knows these data.
+            for (TKdsRecord* const row : *target.Table->Records()) {
+                if (!GetParam().Defined) {
+                    EXPECT_TRUE(row->GetIsNullI(4));
+                }
+            }
         }
         return !refusal;
     }
@@ -369,6 +373,53 @@ INSTANTIATE_TEST_SUITE_P(
                     TDamageCase{"Defined", {}, true, false},
                     TDamageCase{"DefinedStripped", {mtoStripNulls}, true, true}),
     [](const auto& tested) { return std::string(tested.param.Name); });
+
+// ---- Golden files ---------------------------------------------------------------------------
+
+// Streams of the first version, byte for byte; KDS_UPDATE_GOLDEN=1 writes them anew.
+TEST(TKdsStreamGoldenTest, WritesAndReadsTheBytesOfTheFirstVersion) {
+    for (const bool strips : {false, true}) {
+        const TOwned<TKdsStore> store(TKdsStore::Create(u"Shop"));
+        const auto make = [&](std::u16string_view tableName) {
+            TKdsTable* const table = store->Tables()->Add(tableName);
+            if (strips) table->SetOptions({mtoStripNulls});
+            TKdsTableColumnList* const columns = table->Columns();
+            columns->Add(u"Id", dtInteger);
+            columns->Add(u"Name", dtAnsiString, 6);
+            columns->Add(u"Title", dtWideString, 4);
+            columns->Add(u"Note", dtMemoString);
+            columns->Add(u"Tag", dtCustomData)->SetCustomData(MakeIntf<TNumberData>());
+            columns->Add(u"Boss", dtInteger)->ForeignKey(tableName, u"Id");
+            columns->Columns(u"Boss")->SetVirtualKey(true);
+            return table;
+        };
+        TKdsTable* const table = make(u"Staff");
+        table->SetTag(300);
+        const TIntf<IInterface> number = MakeIntf<TNumber>(std::uint8_t{2});
+        IInterface* const raw = number.Get();
+        TKdsRecord* const first = table->Insert({1, u"Ann", u"\u0416", u"a note"});
+        table->Insert({-200, u"Bob", Null, Null, Null, 1})->SetHighlight(true);
+        table->Insert({70'000})->SetDecimals(2);
+        TKdsEdit edit(first);
+        first->SetDataP(table->Columns()->Items(4), &raw, 8);
+        edit.Post();
+        const std::string name = strips ? "tests/golden/stripped.kds" : "tests/golden/whole.kds";
+        const TBytes bytes = Saved(table, strips);
+        const auto* const chars = reinterpret_cast<const char*>(bytes.data());
+        if (std::getenv("KDS_UPDATE_GOLDEN") != nullptr) {
+            std::ofstream(name, std::ios::binary)
+                .write(chars, static_cast<std::streamsize>(bytes.size()));
+        }
+        std::ifstream file(name, std::ios::binary);
+
+        EXPECT_TRUE(std::ranges::equal(std::string(std::istreambuf_iterator<char>(file), {}),
+                                       std::string(chars, bytes.size())))
+            << name;
+        TKdsTable* const copy = make(u"Copy");
+        EXPECT_EQ(copy->LoadFromFile(ToUtf16(name)).Loaded, 3);
+        EXPECT_EQ(VarToInt64(copy->Records()->Items(1)->GetDataN(u"Boss")), 1);
+    }
+}
 
 // ---- Undoing, refusing, telling ---------------------------------------------------------------
 
