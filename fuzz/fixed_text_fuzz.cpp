@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "kds/fixed/Fixed.h"
+#include "kds/platform/Errors.h"
 #include "kds/platform/Text.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

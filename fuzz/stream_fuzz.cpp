@@ -60,7 +60,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const bool defined = (data[0] & 1) != 0, strips = (data[0] & 2) != 0;
     const auto store = MakeStore(u"One", defined, strips);
     kds::TKdsTable* const table = store->Tables()->Tables(u"T");
-    if (defined && (data[0] & 4) != 0) table->Insert({1, u"one", u"one", u"one"});
+    if (defined && (data[0] & 4) != 0) table->Insert({1, u"one", u"on", u"one"});
     const auto* const bytes = reinterpret_cast<const std::byte*>(data);
     kds::TMemoryStream stream(TBytes(bytes + 1, bytes + size));
     const TBytes before = Saved(table);
