@@ -274,7 +274,8 @@ void TKdsTableReader::TakeBuffer(std::byte* buffer, std::span<const std::byte> b
         StoreRaw(buffer + layout.Slot(column).StampOffset,
                  static_cast<std::uint32_t>(fTable->fVersion) - 1);  // not calculated yet
     }
-    if (static_cast<std::size_t>(layout.CompactSize(buffer)) > bytes.size()) {
+    if (bytes.size() < static_cast<std::size_t>(layout.RecordSize()) &&
+        static_cast<std::size_t>(layout.CompactSize(buffer)) > bytes.size()) {
         throw EStreamError(u"A record that ends before its last value");
     }
     for (const std::int32_t column : fShape[0].Texts) {

@@ -8,8 +8,8 @@ namespace {
 
 constinit std::atomic<std::int64_t> allocations = 0;
 constinit std::atomic<std::int64_t> allocated = 0;  // their bytes
-constinit std::atomic<std::int64_t> failing = 0;  // which of them fails, 0 for none
-constinit std::atomic<bool> allAfter = false;     // and those after it
+constinit std::atomic<std::int64_t> failing = 0;    // which of them fails, 0 for none
+constinit std::atomic<bool> allAfter = false;       // and those after it
 constinit std::atomic<bool> happened = false;
 
 void* Allocate(std::size_t size, std::size_t alignment) {
