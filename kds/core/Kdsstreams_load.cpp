@@ -19,8 +19,8 @@ public:
 
 private:
     // A row with more bytes than this needs a table that the host has defined: a short stream must
-    // not claim much memory.
-    static constexpr std::int32_t MaximumCreatedRecord = 1024 * 1024;
+    // not claim much memory, nor each of its records much time.
+    static constexpr std::int32_t MaximumCreatedRecord = 256 * 1024;
     // The value of a virtual key whose master row is still to be found, perhaps among the rows that
     // follow.
     struct TPending {

@@ -527,7 +527,15 @@ TEST_F(TKdsStreamLoadTest, RefusesAnotherStructure) {
         ASSERT_TRUE(refusal);
         EXPECT_EQ(refusal->first, cause);
     }
+    const TOwned<TKdsTable> large = TKdsTable::Create(u"Large");
+    for (const auto* const name : {u"a", u"b", u"c", u"d", u"e"}) {
+        large->Columns()->Add(name, dtAnsiString, MaximumColumnLength);
+    }
     const TOwned<TKdsTable> fresh = TKdsTable::Create(u"New");
+    EXPECT_EQ(LoadRefusal(fresh.get(), Saved(large.get()))->first,
+              u"Records too large for a table that is not defined yet");
+    EXPECT_EQ(fresh->Columns()->Count(), 0);
+    EXPECT_FALSE(LoadRefusal(large.get(), Saved(large.get())));
     fresh->SetOptions({mtoOnceLoaded});
     fOther->SetTag(7);
     fOther->SetOptions({mtoOnceLoaded, mtoSkipPKCheck});
