@@ -11,6 +11,8 @@
 
 #include "examples/world/Data.h"
 #include "examples/world/Large.h"
+#include "examples/world/Lookups.h"
+#include "examples/world/Rows.h"
 #include "examples/world/Terminal.h"
 #include "kds/kds.h"
 
@@ -18,14 +20,6 @@ namespace world {
 namespace {
 
 // ---- Printing rows ------------------------------------------------------------------------
-
-std::string Cell(kds::TKdsRecord* row, std::u16string_view column) {
-    return row->GetIsNullN(column) ? "-" : kds::ToUtf8(row->Format(column));
-}
-
-std::string At(std::int32_t position) {
-    return position < 0 ? "none" : "#" + std::to_string(position);
-}
 
 struct TRange {
     std::int32_t First;
@@ -134,27 +128,6 @@ void ShowSearches(const TWorld& world) {
 }
 
 // ---- Changing -----------------------------------------------------------------------------
-
-// A link writes down what it hears. Events come when all views have placed the row.
-class TListener final : public kds::TKdsViewLink {
-public:
-    TListener(TSheet* heard, std::string name) : fHeard(heard), fName(std::move(name)) {}
-    void HandleEvent(kds::TKdsEvent* event) override {
-        const auto reason = static_cast<std::size_t>(event->Reason);
-        kds::TKdsRecord* const row = event->Origin;
-        fHeard->Row({fName, Reasons[reason], row == nullptr ? "" : At(event->OldRow),
-                     row == nullptr ? "" : At(event->NewRow),
-                     row == nullptr ? "" : Cell(row, u"Zone")});
-    }
-
-private:
-    static constexpr const char* Reasons[] = {"evSourceChange", "evStatusChange", "evFieldsChange",
-                                              "evRecordInsert", "evRecordDelete", "evRecordUpdate",
-                                              "evRecordSignal"};
-
-    TSheet* fHeard;
-    std::string fName;
-};
 
 // Two views of one country's zones with a link each.
 class TTwoViews {
@@ -355,6 +328,9 @@ void ShowWorld(const TWorld& world, bool plain) {
     ShowSearches(world);
     ShowEdit(world);
     ShowChanges(world);
+    ShowLookups(world);
+    ShowFilters(world);
+    ShowWatch(world);
     ShowRefusals(world);
     ShowLateDuplicate(world);
     ShowLanguages(world);

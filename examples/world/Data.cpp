@@ -34,12 +34,13 @@ TWorld CreateWorld() {
 
     world.Zones = world.Store->Tables()->Add(u"Zones");
     kds::TKdsTableColumnList* const columns = world.Zones->Columns();
-    columns->Add(u"Country", kds::dtChar, 2);
+    columns->Add(u"Country", kds::dtChar, 2)->ForeignKey(u"Countries", u"Code");
     columns->Add(u"Zone", kds::dtAnsiString, 32);
     columns->Add(u"Latitude", kds::dtFixed)->SetAllowNull(false);
     columns->Add(u"Longitude", kds::dtFixed)->SetAllowNull(false);
     columns->Add(u"Coordinates", kds::dtAnsiString, 16);
     columns->Add(u"Comments", kds::dtAnsiString, 80);
+    columns->AddLookup(u"CountryName", u"Country", u"Name");
     world.Zones->SetPrimaryKey(u"Country, Zone");  // a key column is never null
     return world;
 }

@@ -11,7 +11,8 @@ namespace world {
 struct TWorld {
     kds::TKdsStore* Store = nullptr;
     kds::TKdsTable* Countries = nullptr;  // Code, Name
-    kds::TKdsTable* Zones = nullptr;  // Country, Zone, Latitude, Longitude, Coordinates, Comments
+    // Country, Zone, Latitude, Longitude, Coordinates, Comments, CountryName from the other table.
+    kds::TKdsTable* Zones = nullptr;
 };
 
 // The tables with their columns and keys, still empty.

@@ -176,11 +176,6 @@ void TKdsColumn::SetExpression(std::u16string_view value) {
     KdsNotAvailable(u"A calculated expression");
 }
 
-void TKdsColumn::SetLookupFilter(std::u16string_view value) {
-    if (value == fLookupFilter) return;
-    KdsNotAvailable(u"A lookup filter");
-}
-
 void TKdsColumn::SetVisibility(TKdsVisibility value) {
     if (value == fVisibility) return;
     Change(false, [&] { fVisibility = value; });

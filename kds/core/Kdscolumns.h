@@ -24,6 +24,7 @@
 #include "kds/core/Kdslookups.h"
 #include "kds/core/Kdsstrings.h"
 #include "kds/core/Kdstypes.h"
+#include "kds/expr/Expressions.h"
 #include "kds/platform/Delegate.h"
 
 namespace kds {
@@ -162,7 +163,13 @@ public:
     [[nodiscard]] const std::u16string& Expression() const noexcept { return fExpression; }
     void SetExpression(std::u16string_view value);
     [[nodiscard]] const std::u16string& LookupFilter() const noexcept { return fLookupFilter; }
+    // Of a reference column: an expression over the master's columns. Master rows for which it is
+    // not true are not found by what is written from now on; keys that lead to them stay valid.
+    // LookupReference for other columns, EKdsParseError for a text that does not compile: also
+    // when a key is written after the master's columns have changed.
     void SetLookupFilter(std::u16string_view value);
+    // Whether it lets this row of the master pass.
+    [[nodiscard]] bool PassesLookupFilter(TKdsRecord* master) const;
     [[nodiscard]] TKdsVisibility Visibility() const noexcept { return fVisibility; }
     void SetVisibility(TKdsVisibility value);
     [[nodiscard]] bool GetVisible() const noexcept { return fVisibility != viNothing; }
@@ -291,6 +298,8 @@ private:
     TKdsGetValueEvent fOnGetValue;
     mutable TIntf<TKdsDictionary> fVocabulary;  // found under the name, until it is dropped
     std::u16string fLookupFilter;
+    mutable TIntf<IExpressionEvaluator> fLookupEvaluator;  // of the filter,
+    mutable std::uint32_t fLookupLayout = 0;               // for the master's columns of then
     std::int64_t fAutoIncNext = 0;
     TKdsTable* fMasterTable = nullptr;
     TKdsColumn* fMasterField = nullptr;

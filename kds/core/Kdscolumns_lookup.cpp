@@ -1,8 +1,10 @@
 // Columns that refer to another table, and those that look into it.
 #include "kds/core/Kdscolumns.h"
 #include "kds/core/Kdserrors.h"
+#include "kds/core/Kdsprovider.h"
 #include "kds/core/Kdsstores.h"
 #include "kds/core/Kdstables.h"
+#include "kds/expr/Exprerrors.h"
 #include "kds/views/Kdsorders.h"
 
 namespace kds {
@@ -26,7 +28,7 @@ void TKdsColumn::ForeignKey(std::u16string_view tableName, std::u16string_view c
     if (!HaveSameForm(fDataType, field->DataType())) {
         KdsError(u"DataTypeMismatch", {own->Name(), Name(), master->Name(), field->Name()});
     }
-    if (field == this) KdsParserError(u"CircularReference", {Name()});
+    if (field == this) ParserError(u"CircularReference", {Name()});
     if (GetIsVirtualKey()) CheckVirtual(master, field, fLookupKind);
     if (fMasterTable == master && fMasterField == field && !fIsReference) return;
     if (fMasterTable != nullptr) KdsError(u"ColumnForeignKey", {Name(), fMasterTable->Name()});
@@ -77,7 +79,7 @@ void TKdsColumn::CheckVirtual(TKdsTable* master, TKdsColumn* field, TKdsLookupKi
 // What this column would show must not show this column.
 void TKdsColumn::CheckCircle(const TKdsColumn* shown) const {
     for (; shown != nullptr; shown = shown->LooksUp() ? shown->Shown() : nullptr) {
-        if (shown == this) KdsParserError(u"CircularReference", {Name()});
+        if (shown == this) ParserError(u"CircularReference", {Name()});
     }
 }
 
@@ -129,6 +131,36 @@ void TKdsColumn::SetTargetField(TKdsColumn* value) {
     });
 }
 
+void TKdsColumn::SetLookupFilter(std::u16string_view value) {
+    if (value == fLookupFilter) return;
+    if (!fIsReference || fMasterTable == nullptr) KdsError(u"LookupReference");
+    if (!value.empty()) (void)CompileExpression(fMasterTable->Columns(), value);
+    Change(false, [&] {
+        fLookupFilter = value;
+        fLookupEvaluator = nullptr;
+    });
+}
+
+// What it cannot judge does not pass.
+bool TKdsColumn::PassesLookupFilter(TKdsRecord* master) const {
+    if (fLookupFilter.empty()) return true;
+    const std::uint32_t layout = fMasterTable->Layout().Version();
+    if (!fLookupEvaluator || fLookupLayout != layout) {
+        fLookupEvaluator = nullptr;
+        fLookupEvaluator = CompileExpression(fMasterTable->Columns(), fLookupFilter);
+        fLookupLayout = layout;
+    }
+    const TIntf<IExpressionEvaluator> evaluator = fLookupEvaluator;
+    TKdsBusyScope busy(fMasterTable);
+    try {
+        return evaluator->TestAt({master, erPosted}) > 0;
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (...) {
+        return false;
+    }
+}
+
 TVariant TKdsColumn::LookupValue(const TVariant& value) const {
     if (!fIsReference) KdsError(u"LookupReference");
     if (fMasterTable == nullptr || fMasterField == nullptr) {
@@ -145,6 +177,7 @@ TVariant TKdsColumn::LookupValue(const TVariant& value) const {
         return TVariant(GetMessageText(u"UnresolvedLookup"));
     }
     TKdsRecord* const row = fMasterTable->Records()->ItemAt(found.Index);
+    if (!PassesLookupFilter(row)) return TVariant(GetMessageText(u"UnresolvedLookup"));
     return row->GetDataC(Shown());
 }
 
@@ -160,6 +193,7 @@ void TKdsColumn::ForgetMaster() noexcept {
     fMasterTable = nullptr;
     fMasterField = nullptr;
     fTargetField = nullptr;
+    fLookupEvaluator = nullptr;
     UpdateOccurences();
 }
 

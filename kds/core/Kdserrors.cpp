@@ -47,10 +47,6 @@ constexpr auto KdsMessages = std::to_array<TMessage>({
 });
 static_assert(KdsMessages.size() == 33);
 
-constexpr auto ParserMessages = std::to_array<TMessage>({
-    {u"CircularReference", u"Circular reference for %s detected"},
-});
-
 std::u16string TextOf(std::u16string_view section, std::span<const TMessage> messages,
                       std::u16string_view key) {
     const auto found = std::ranges::find(messages, key, &TMessage::Key);
@@ -72,10 +68,6 @@ void KdsError(std::u16string_view key) { throw EKdsError(GetMessageText(key)); }
 
 void KdsError(std::u16string_view key, std::initializer_list<TFormatArg> arguments) {
     throw EKdsError(Format(GetMessageText(key), arguments));
-}
-
-void KdsParserError(std::u16string_view key, std::initializer_list<TFormatArg> arguments) {
-    throw EKdsError(Format(TextOf(u"Parser", ParserMessages, key), arguments));
 }
 
 void KdsNotAvailable(std::u16string_view feature) {

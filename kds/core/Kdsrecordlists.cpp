@@ -6,6 +6,7 @@
 
 #include "kds/core/Kdserrors.h"
 #include "kds/core/Kdstables.h"
+#include "kds/util/Sortutils.h"
 #include "kds/views/Kdsviews.h"
 
 namespace kds {
@@ -22,9 +23,13 @@ TKdsItem* TKdsTableRecordList::DoGetItem(std::int32_t index) const {
 void TKdsTableRecordList::DoInsert(std::int32_t index, TKdsItem* item) {
     if (fMaximumCapacity > 0 && fItems.Count() >= fMaximumCapacity) RaiseFull();
     fItems.Insert(index, static_cast<TKdsRecord*>(item));
+    DropDirectory();
 }
 
-void TKdsTableRecordList::DoDelete(std::int32_t index) { (void)fItems.Delete(index); }
+void TKdsTableRecordList::DoDelete(std::int32_t index) {
+    (void)fItems.Delete(index);
+    DropDirectory();
+}
 
 void TKdsTableRecordList::DoSwitch(std::int32_t from, std::int32_t to) {
     fTable->CheckNotBusy();
@@ -32,9 +37,27 @@ void TKdsTableRecordList::DoSwitch(std::int32_t from, std::int32_t to) {
     void* const record = fItems.Delete(from);
     fItems.Insert(to, record);
     fOrder = rloMixed;
+    DropDirectory();
 }
 
-void TKdsTableRecordList::DoClear() { fItems.Clear(); }
+void TKdsTableRecordList::DoClear() {
+    fItems.Clear();
+    DropDirectory();
+}
+
+TKdsRecord* TKdsTableRecordList::LookUp(std::int32_t index) {
+    if (index < 0 || index >= fItems.Count()) return nullptr;
+    if (++fLookups > fItems.Count() / 4 && !InParallelSort) {
+        fLookups = 0;
+        try {
+            fDirectory.reserve(static_cast<std::size_t>(fItems.Count()));
+            for (TKdsRecord* const record : *this) fDirectory.push_back(record);
+        } catch (const std::bad_alloc&) {
+            fDirectory.clear();  // it goes without
+        }
+    }
+    return ItemAt(index);
+}
 
 // ---- Searches -----------------------------------------------------------------------------
 
@@ -257,9 +280,14 @@ bool TKdsTableRecordList::HoldsRowID(std::uint32_t rowID) const {
 
 bool TKdsTableRecordList::IsConsistent() const {
     if (!fItems.IsConsistent()) return false;
+    if (!fDirectory.empty() && fDirectory.size() != static_cast<std::size_t>(fItems.Count())) {
+        return false;
+    }
     std::int64_t previous = -1;
+    auto known = fDirectory.begin();
     for (TKdsRecord* const record : *this) {
         if (record->Owner() != this || record->Table() != fTable) return false;
+        if (known != fDirectory.end() && *known++ != record) return false;
         if (record->RowID() >= fTable->LastRowID()) return false;
         if (fOrder == rloRowID && record->RowID() <= previous) return false;
         previous = record->RowID();

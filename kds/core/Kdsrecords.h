@@ -30,6 +30,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "kds/core/Kdscolumns.h"
 #include "kds/core/Kdsdata.h"
@@ -354,19 +355,25 @@ private:
     void StoreKey(const TKdsColumn* column, const void* data, std::int32_t size);
     void StoreReferenceKey(const TKdsColumn* column, const TKdsSlot& slot, const void* data,
                            std::int32_t size);
-    void StoreVirtual(const TKdsColumn* source, const TKdsNormalLookup& key);
+    using TFollowerSet = std::vector<const TKdsColumn*>;
+    void StoreVirtual(const TKdsColumn* source, const TKdsNormalLookup& key,
+                      const TFollowerSet& unresolved);
+    void SaveKeys(const TKdsColumn* source, const TKdsNormalLookup& key,
+                  const TFollowerSet& unresolved);
+    [[nodiscard]] static TKdsRecord* ValidRow(const TKdsColumn* column, const TKdsNormalLookup& key,
+                                              const void* data, std::int32_t size);
+    bool FindMaster(const TKdsColumn* column, const TKdsValue& value, TKdsNormalLookup& key);
     // The key of a virtual key column in a buffer, in its own slot and in all that follow it:
     // unresolved where it holds none.
     [[nodiscard]] static TKdsNormalLookup VirtualKeyIn(const TKdsColumn* source,
                                                        const std::byte* buffer) noexcept;
     static void SetVirtualKeyIn(const TKdsColumn* source, const TKdsNormalLookup& key,
                                 std::byte* buffer) noexcept;
-    void SaveKeys(const TKdsColumn* source, const TKdsNormalLookup& key);
     void NullReferences(const TKdsColumn* source);
     // The master's rows have gone, and their identifiers come again.
     void Unresolve(const TKdsColumn* column) noexcept;
     [[nodiscard]] TKdsNormalLookup KeyFor(const TKdsColumn* source, const void* data,
-                                          std::int32_t size);
+                                          std::int32_t size, TFollowerSet& unresolved);
     [[nodiscard]] static TKdsNormalLookup KeyOf(const TKdsRecord* row);
     [[nodiscard]] static TKdsRecord* RowOfKey(const TKdsColumn* column,
                                               const TKdsNormalLookup& key);

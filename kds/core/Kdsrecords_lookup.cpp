@@ -1,7 +1,9 @@
 // How a reference column finds its row in another table.
 #include "kds/core/Kdsrecords.h"
 
+#include <algorithm>
 #include <cstring>
+#include <optional>
 
 #include "kds/core/Kdserrors.h"
 #include "kds/core/Kdskeyvalues.h"
@@ -41,17 +43,25 @@ TKdsCompareOptions KeyRule(const TKdsColumn* column) {
     return options;
 }
 
-bool HoldsKey(TKdsRecord* row, const TKdsColumn* field, const void* data, std::int32_t size,
-              TKdsCompareOptions rule) {
+// Numbers that are stored are compared as they lie; texts by the rule of the master's key.
+bool HoldsKey(TKdsRecord* row, const TKdsColumn* column, const void* data, std::int32_t size) {
+    const TKdsColumn* const field = column->MasterField();
+    const TKdsSlot& slot = row->Table()->Layout().Slot(field->Index());
+    if (slot.Kind == skPlain && slot.Size == size && (size == 4 || size == 8) &&
+        !IsTextType(slot.Type) && slot.Type != dtDouble && slot.StampOffset < 0) {
+        const std::byte* const buffer = row->BufferFor(TKdsReading::Posted);
+        if (buffer == nullptr || !slot.HasValue(buffer)) return false;
+        const std::byte* const place = buffer + slot.Offset;
+        return size == 4 ? LoadRaw<std::uint32_t>(place) == LoadRaw<std::uint32_t>(data)
+                         : LoadRaw<std::uint64_t>(place) == LoadRaw<std::uint64_t>(data);
+    }
     TKdsScratch scratch;
     TKdsValue value;
     if (!row->ReadValue(field, TKdsReading::Posted, scratch, value)) return false;
-    if (!IsTextType(value.Type) && value.Size != size) return false;
-    if (value.Size == size && (size == 4 || size == 8) && !IsTextType(value.Type) &&
-        value.Type != dtDouble && value.Type != dtCustomData) {
-        return std::memcmp(value.Data, data, static_cast<std::size_t>(size)) == 0;
-    }
-    return CompareData(value.Type, value.Data, data, value.Size, size, rule) == 0;
+    const bool isText = IsTextType(value.Type);
+    if (!isText && value.Size != size) return false;
+    return CompareData(value.Type, value.Data, data, value.Size, size,
+                       isText ? KeyRule(column) : TKdsCompareOptions{}) == 0;
 }
 
 }  // namespace
@@ -83,10 +93,9 @@ bool TKdsRecord::ResolveLookupKey(const TKdsColumn* column, const void* data, st
         key = KeyOf(primary->ItemAt(index));
         return true;
     }
-    const TKdsCompareOptions rule = KeyRule(column);
     std::int32_t index = 0;
     for (TKdsRecord* const row : *rows) {
-        if (HoldsKey(row, field, data, size, rule)) {
+        if (HoldsKey(row, column, data, size)) {
             key = {index, row->RowID()};
             return true;
         }
@@ -97,30 +106,38 @@ bool TKdsRecord::ResolveLookupKey(const TKdsColumn* column, const void* data, st
 
 bool TKdsRecord::IsValidReference(const TKdsColumn* column, TKdsNormalLookup& key, const void* data,
                                   std::int32_t size) {
-    TKdsTable* const master = column->MasterTable();
-    if (master == nullptr || column->MasterField() == nullptr) return false;
+    if (column->MasterTable() == nullptr || column->MasterField() == nullptr) return false;
     if (data == nullptr || size < 0) return false;
-    if (key.Index < 0 || key.Index >= master->Records()->Count()) return false;
-    TKdsRecord* const row = master->Records()->ItemAt(key.Index);
-    if (!HoldsKey(row, column->MasterField(), data, size, KeyRule(column))) return false;
+    const TKdsRecord* const row = ValidRow(column, key, data, size);
+    if (row == nullptr) return false;
     if (!column->Occurences().Has(coShortLookup)) key.RowID = row->RowID();
     return true;
+}
+
+TKdsRecord* TKdsRecord::ValidRow(const TKdsColumn* column, const TKdsNormalLookup& key,
+                                 const void* data, std::int32_t size) {
+    TKdsRecord* const row = column->MasterTable()->Records()->LookedUp(key.Index);
+    return row != nullptr && HoldsKey(row, column, data, size) ? row : nullptr;
 }
 
 void TKdsRecord::MarkAsUnresolved(const TKdsColumn* column, void* key) noexcept {
     SaveKey(column, {}, static_cast<std::byte*>(key));
 }
 
-// What a write of a key column stores beside it: nothing yet where a reference resolves on its
-// first read. All that follow one key column look into the same column.
-TKdsNormalLookup TKdsRecord::KeyFor(const TKdsColumn* source, const void* data, std::int32_t size) {
+// What a write of a key column stores beside it: all that follow one key column look into the same
+// column of the master. Unresolved in those that resolve on their first read, and in those whose
+// filter does not let the row pass.
+TKdsNormalLookup TKdsRecord::KeyFor(const TKdsColumn* source, const void* data, std::int32_t size,
+                                    TFollowerSet& unresolved) {
     TKdsNormalLookup key;
     const TKdsTable* const master = source->MasterTable();
     if (master == nullptr || !source->CanResolve()) return key;
     bool wanted = false;
+    bool filters = false;
     const auto want = [&](const TKdsColumn* column) {
         if (column->IsLazy()) return;
         wanted = true;
+        filters = filters || !column->LookupFilter().empty();
         if (column->Occurences().Has(coShortLookup) &&
             master->Records()->Count() > TKdsStaticLookup{}.Index) {
             KdsError(u"StaticLookupLong", {master->Name(), fTable->Name(), column->Name()});
@@ -131,7 +148,14 @@ TKdsNormalLookup TKdsRecord::KeyFor(const TKdsColumn* source, const void* data, 
          column = column->fNextFollower) {
         want(column);
     }
-    if (wanted) ResolveLookupKey(source, data, size, key);
+    if (!wanted || !ResolveLookupKey(source, data, size, key) || !filters) return key;
+    TKdsRecord* const row = master->Records()->ItemAt(key.Index);
+    for (const TKdsColumn* column = source->fFirstFollower; column != nullptr;
+         column = column->fNextFollower) {
+        if (!column->PassesLookupFilter(row)) unresolved.push_back(column);
+    }
+    // A virtual key is what its references are.
+    if (source->GetIsVirtualKey() && !unresolved.empty()) key = {};
     return key;
 }
 
@@ -142,14 +166,37 @@ TKdsNormalLookup TKdsRecord::KeyOf(const TKdsRecord* row) {
 // The row with this key, where the key alone says which: nullptr when it has gone.
 TKdsRecord* TKdsRecord::RowOfKey(const TKdsColumn* column, const TKdsNormalLookup& key) {
     TKdsTableRecordList* const rows = column->MasterTable()->Records();
-    const bool isInside = key.Index >= 0 && key.Index < rows->Count();
-    TKdsRecord* const row = isInside ? rows->ItemAt(key.Index) : nullptr;
+    TKdsRecord* const row = rows->LookedUp(key.Index);
     if (column->Occurences().Has(coShortLookup)) return row;
     if (row != nullptr && row->RowID() == key.RowID) return row;
     return key.RowID == NoRowID ? nullptr : rows->FindRowID(key.RowID);
 }
 
 // ---- Reading ------------------------------------------------------------------------------
+
+// Where a key leads astray. The row that it meant may only have another place now, and is then
+// right whatever the lookup filter says; any other row is one that is found anew.
+bool TKdsRecord::FindMaster(const TKdsColumn* column, const TKdsValue& value,
+                            TKdsNormalLookup& key) {
+    TKdsTableRecordList* const rows = column->MasterTable()->Records();
+    if (!column->LookupFilter().empty() && key.RowID != NoRowID) {
+        TKdsRecord* const row = rows->FindRowID(key.RowID);
+        if (row != nullptr && HoldsKey(row, column, value.Data, value.Size)) {
+            key = KeyOf(row);
+            return true;
+        }
+    }
+    key = {};
+    if (!ResolveLookupKey(column, value.Data, value.Size, key)) return false;
+    bool passes = false;
+    try {
+        passes = column->PassesLookupFilter(rows->ItemAt(key.Index));
+    } catch (const EKdsError&) {
+        // A filter for columns that have gone: the next write tells.
+    }
+    if (!passes) key = {};
+    return passes;
+}
 
 TKdsRecord* TKdsRecord::MasterRow(const TKdsColumn* column, TKdsReading reading, bool& hasKey) {
     hasKey = false;
@@ -163,24 +210,31 @@ TKdsRecord* TKdsRecord::MasterRow(const TKdsColumn* column, TKdsReading reading,
     }
     const TKdsColumn* const source = column->SourceField();
     if (source == nullptr) return nullptr;
-    TKdsScratch scratch;
+    std::optional<TKdsScratch> scratch;
     TKdsValue value;
-    hasKey = ReadValue(source, reading, scratch, value);
+    const TKdsSlot& from = fTable->Layout().Slot(source->Index());
+    if (from.Kind == skPlain && from.StampOffset < 0) {
+        const std::byte* const values = BufferFor(reading);
+        hasKey = values != nullptr && from.HasValue(values) && ReadSlot(from, values, value);
+    } else {
+        hasKey = ReadValue(source, reading, scratch.emplace(), value);
+    }
     if (!hasKey || column->MasterTable() == nullptr || !column->CanResolve()) return nullptr;
     const TKdsSlot& slot = fTable->Layout().Slot(column->Index());
     const std::byte* const buffer = BufferFor(reading);
     TKdsNormalLookup key;
     if (slot.HasValue(buffer)) key = LoadKey(column, buffer + slot.Offset);
-    if (!IsValidReference(column, key, value.Data, value.Size)) {
-        key = {};
-        if (!ResolveLookupKey(column, value.Data, value.Size, key)) return nullptr;
+    TKdsRecord* row = ValidRow(column, key, value.Data, value.Size);
+    if (row == nullptr) {
+        if (!FindMaster(column, value, key)) return nullptr;
+        row = column->MasterTable()->Records()->ItemAt(key.Index);
         // The first read of a lazy column writes what it has found, where only this thread reads.
         if (column->IsLazy() && slot.HasValue(buffer) && !InParallelSort &&
             (!column->Occurences().Has(coShortLookup) || key.Index < TKdsStaticLookup{}.Index)) {
             SaveKey(column, key, const_cast<std::byte*>(buffer) + slot.Offset);
         }
     }
-    return column->MasterTable()->Records()->ItemAt(key.Index);
+    return row;
 }
 
 bool TKdsRecord::ReadLookup(const TKdsColumn* column, TKdsReading reading, TKdsScratch& scratch,
@@ -220,8 +274,7 @@ void TKdsRecord::RepairKey(const TKdsColumn* column) {
     TKdsValue value;
     if (!ReadValue(column->SourceField(), TKdsReading::Posted, scratch, value)) return;
     if (IsValidReference(column, key, value.Data, value.Size)) return;
-    key = {};
-    ResolveLookupKey(column, value.Data, value.Size, key);
+    FindMaster(column, value, key);
     if (column->Occurences().Has(coShortLookup) && key.Index >= TKdsStaticLookup{}.Index) key = {};
     SaveKey(column, key, place);
 }
@@ -239,9 +292,10 @@ void TKdsRecord::StoreKey(const TKdsColumn* column, const void* data, std::int32
         if (data == nullptr) throw EInvalidArgument(u"A value needs its data");
         RaiseMismatch(column, u"DataBufferMismatch");
     }
-    const TKdsNormalLookup key = KeyFor(column, data, size);
+    TFollowerSet unresolved;  // takes memory only for filters
+    const TKdsNormalLookup key = KeyFor(column, data, size, unresolved);
     if (slot.Kind == skLookup) {
-        StoreVirtual(column, key);
+        StoreVirtual(column, key, unresolved);
         return;
     }
     // The value may lie in the buffer that goes when it is made full-size.
@@ -254,16 +308,17 @@ void TKdsRecord::StoreKey(const TKdsColumn* column, const void* data, std::int32
     } else {
         StorePlain(column, slot, data, size);
     }
-    SaveKeys(column, key);
+    SaveKeys(column, key, unresolved);
 }
 
 // A key column that keeps no value, and the keys of those that follow it.
-void TKdsRecord::StoreVirtual(const TKdsColumn* source, const TKdsNormalLookup& key) {
+void TKdsRecord::StoreVirtual(const TKdsColumn* source, const TKdsNormalLookup& key,
+                              const TFollowerSet& unresolved) {
     const TKdsSlot& slot = fTable->Layout().Slot(source->Index());
     std::byte* const buffer = WritableBuffer(slot);
     if (slot.Size > 0) SaveKey(source, key, buffer + slot.Offset);
     slot.MarkValue(buffer);
-    SaveKeys(source, key);
+    SaveKeys(source, key, unresolved);
 }
 
 TKdsNormalLookup TKdsRecord::VirtualKeyIn(const TKdsColumn* source,
@@ -287,12 +342,15 @@ void TKdsRecord::SetVirtualKeyIn(const TKdsColumn* source, const TKdsNormalLooku
     }
 }
 
-void TKdsRecord::SaveKeys(const TKdsColumn* source, const TKdsNormalLookup& key) {
+void TKdsRecord::SaveKeys(const TKdsColumn* source, const TKdsNormalLookup& key,
+                          const TFollowerSet& unresolved) {
     for (const TKdsColumn* column = source->fFirstFollower; column != nullptr;
          column = column->fNextFollower) {
         const TKdsSlot& slot = fTable->Layout().Slot(column->Index());
         std::byte* const buffer = WritableBuffer(slot);
-        SaveKey(column, column->IsLazy() ? TKdsNormalLookup{} : key, buffer + slot.Offset);
+        const bool leaves =
+            column->IsLazy() || std::ranges::find(unresolved, column) != unresolved.end();
+        SaveKey(column, leaves ? TKdsNormalLookup{} : key, buffer + slot.Offset);
         slot.MarkValue(buffer);
     }
 }
@@ -322,14 +380,17 @@ void TKdsRecord::StoreReferenceKey(const TKdsColumn* column, const TKdsSlot& slo
     if (column->IsVirtual()) {
         const TKdsRecord* const row =
             column->MasterTable() == nullptr ? nullptr : RowOfKey(column, key);
-        StoreVirtual(source, row == nullptr ? TKdsNormalLookup{} : KeyOf(row));
+        StoreVirtual(source, row == nullptr ? TKdsNormalLookup{} : KeyOf(row), {});
         return;
     }
     TKdsScratch scratch;
     TKdsValue value;
     const bool hasKey =
         column->CanResolve() && ReadValue(source, TKdsReading::Current, scratch, value);
-    if (!hasKey || !IsValidReference(column, key, value.Data, value.Size)) key = {};
+    if (!hasKey || !IsValidReference(column, key, value.Data, value.Size) ||
+        !column->PassesLookupFilter(column->MasterTable()->Records()->ItemAt(key.Index))) {
+        key = {};
+    }
     std::byte* const buffer = WritableBuffer(slot);
     SaveKey(column, key, buffer + slot.Offset);
     slot.MarkValue(buffer);
@@ -350,7 +411,7 @@ void TKdsRecord::SetAsRowC(const TKdsColumn* column, TKdsRecord* master) {
     if (column->IsVirtual()) {
         CheckWrite(column->SourceField());
         if (master->Owner() == nullptr) throw EInvalidArgument(u"The record is not in its table");
-        StoreVirtual(column->SourceField(), KeyOf(master));
+        StoreVirtual(column->SourceField(), KeyOf(master), {});
         return;
     }
     CopyValueC(column->SourceField(), master, column->MasterField());

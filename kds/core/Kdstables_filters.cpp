@@ -57,9 +57,8 @@ void TKdsTable::RebuildViews(bool full) {
     TKdsChangeBracket bracket(this);  // links hear of it when all views are built
     TFirstError errors;
     const auto refresh = [&](TKdsView* view) {
-        const TKdsViewLockings previous = view->fLocking;
-        view->fLocking.Set(vlOrderBy, !full);
-        TScopeGuard unlock([&] { view->fLocking = previous; });
+        const TKdsView::TLockScope lock(view,
+                                        full ? TKdsViewLockings{} : TKdsViewLockings{vlOrderBy});
         view->Refresh();
     };
     if (full && fPrimaryView != nullptr) errors.Run([&] { refresh(fPrimaryView); });

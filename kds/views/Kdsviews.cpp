@@ -70,20 +70,20 @@ void TKdsView::ChangeOption(TKdsViewLocking locked, F&& store) {
     TKdsTravelGuard guard;  // links hear of it, and may end the view
     store();
     if (fTable != nullptr) fTable->ViewsChanged();
-    if (!fActual) {
-        Update();
-        return;
-    }
-    const TKdsViewLockings previous = fLocking;
-    fLocking.Include(locked);
-    TScopeGuard unlock([&] { fLocking = previous; });
-    Refresh();
+    const bool wasBuilt = fActual;
+    const TLockScope lock(this, {locked});
+    wasBuilt ? Refresh() : Update();
 }
 
 void TKdsView::SetFilter(std::u16string_view text) {
     if (text == fFilter) return;
-    CheckGuards();
-    KdsNotAvailable(u"A filter expression");
+    if (!text.empty()) {
+        CheckGuards();
+        // A text that does not compile is refused before the view has given up its rows.
+        if (fTable != nullptr) (void)CompileExpression(fTable->Columns(), text);
+    }
+    std::u16string filter(text);
+    ChangeOption(vlOrderBy, [&] { fFilter.swap(filter); });
 }
 
 void TKdsView::SetOrderBy(std::u16string_view text) {
@@ -132,10 +132,32 @@ bool TKdsView::Accept(TKdsRecord* record) {
     TKdsBusyScope busy(fTable);
     const TKdsStateScope posted = TKdsStateScope::Posted(record);
     if (IsFiltered()) accept = fTable->ApplyFilters(this, record);
+    if (accept && !fFilter.empty()) accept = EvaluatorAccept(record);
     if (!accept || !fOnAccept) return accept;
     const TKdsAcceptRecordEvent routine = fOnAccept;
     routine(this, record, accept);
     return accept;
+}
+
+void TKdsView::CompileFilter() {
+    fEvaluator = nullptr;
+    if (fFilter.empty()) return;
+    fEvaluator = CompileExpression(fTable->Columns(), fFilter);
+    fFilterLayout = fTable->Layout().Version();
+}
+
+// A row that the filter cannot judge stays out, and the view goes on.
+bool TKdsView::EvaluatorAccept(TKdsRecord* record) {
+    if (!fEvaluator || fFilterLayout != fTable->Layout().Version()) CompileFilter();
+    if (!fEvaluator) return true;
+    try {
+        return fEvaluator->TestAt({record, erPosted}) > 0;
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (...) {
+        if (fFilterErrors++ == 0) fFilterError = std::current_exception();
+        return false;
+    }
 }
 
 void TKdsView::AnonymousAccept(TKdsView* view, TKdsRecord* record, bool& accept) {

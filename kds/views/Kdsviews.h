@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "kds/core/Kdsdata.h"
+#include "kds/core/Kdsprovider.h"
 #include "kds/core/Kdstables.h"
 #include "kds/platform/Datetime.h"
 #include "kds/views/Kdsevents.h"
@@ -86,6 +87,8 @@ public:
     [[nodiscard]] static TOwned<TKdsView> Create(TKdsTable* table, std::u16string_view name);
 
     // ---- Options; each rebuilds a view that is built, and does nothing when unchanged ----
+    // An expression (docs/expressions.md) over the posted values; a row belongs when it is true.
+    // EKdsParseError for a text that does not compile, and the view is as it was.
     [[nodiscard]] const std::u16string& Filter() const noexcept { return fFilter; }
     void SetFilter(std::u16string_view text);
     [[nodiscard]] const std::u16string& OrderBy() const noexcept { return fOrderBy; }
@@ -238,6 +241,12 @@ public:
     [[nodiscard]] bool Accept(TKdsRecord* record);
     void AnonymousAccept(TKdsView* view, TKdsRecord* record, bool& accept);
 
+    // How many rows the filter has raised for since the view was built; these do not belong. And
+    // what it raised first.
+    [[nodiscard]] std::int64_t FilterErrors() const noexcept { return fFilterErrors; }
+    [[nodiscard]] const std::exception_ptr& FilterError() const noexcept { return fFilterError; }
+    [[nodiscard]] bool EvaluatorAccept(TKdsRecord* record);
+
     // ---- Links ----
     void AppendLink(TKdsViewLink* link);
     void RemoveLink(TKdsViewLink* link);
@@ -271,7 +280,9 @@ public:
     // Two members, by their posted values, equal keys by row identifier.
     [[nodiscard]] std::int32_t CompareMembers(TKdsRecord* a, TKdsRecord* b,
                                               TKdsCompareOptions options);
-    [[nodiscard]] bool HasTests() const noexcept { return fOnAccept || IsFiltered(); }
+    [[nodiscard]] bool HasTests() const noexcept {
+        return fOnAccept || !fFilter.empty() || IsFiltered();
+    }
     // By the table's filters, from which the primary view is free.
     [[nodiscard]] bool IsFiltered() const noexcept {
         return fTable->HasFilters() && fTable->PrimaryView() != this;
@@ -323,6 +334,27 @@ private:
         std::int32_t New = -1;
     };
 
+    // A rebuild in which these are unchanged. When a link that hears of it on the way rebuilds the
+    // view for another reason, only what is unchanged for both reasons is, for both rebuilds.
+    class TLockScope {
+    public:
+        TLockScope(TKdsView* view, TKdsViewLockings unchanged) noexcept : fView(view) {
+            const bool isFirst = view->fLockScopes++ == 0;
+            // A view that is not built has nothing to keep.
+            if (isFirst && view->fActual) view->fLocking = unchanged;
+            if (!isFirst) view->fLocking = view->fLocking & unchanged;
+        }
+        ~TLockScope() {
+            if (--fView->fLockScopes == 0) fView->fLocking = {};
+        }
+        TLockScope(const TLockScope&) = delete;
+        TLockScope& operator=(const TLockScope&) = delete;
+
+    private:
+        TKdsView* fView;
+    };
+
+    void CompileFilter();
     void CheckGuards() const;
     [[noreturn]] static void RaiseForeign();
     void ReserveLink();
@@ -367,6 +399,9 @@ private:
         std::uint64_t Changes;
         bool IsDirect;  // what is shown lies in this very table
     };
+    // Each step from a column of the order or the filter to what it shows in other tables.
+    template <typename F>
+    void ForSteps(F&& use) const;
     [[nodiscard]] std::vector<TSource> Sources() const;
     [[nodiscard]] bool IsFresh() const noexcept;
     void FollowOthers();
@@ -383,6 +418,10 @@ private:
     TKdsEvent fRaisedEvent;
     TKdsEvent* fEventToFire = nullptr;
     std::u16string fFilter;
+    TIntf<IExpressionEvaluator> fEvaluator;  // of the filter, while the view is built
+    std::uint32_t fFilterLayout = 0;         // of the columns that it was compiled for
+    std::int64_t fFilterErrors = 0;
+    std::exception_ptr fFilterError;
     std::intptr_t fInfo = 0;
     std::vector<TKdsViewLink*> fLinks;
     TLinkWalk* fLinkWalks = nullptr;     // that are under way, innermost first
@@ -393,6 +432,7 @@ private:
     std::u16string fOrderBy;
     std::u16string fRenamedOrder;  // what it becomes when a column's new name stands
     TKdsViewLockings fLocking;
+    std::int32_t fLockScopes = 0;
     TKdsViewOptions fOptions;
     TKdsViewReason fReason = vrCustom;
     bool fRebuilds = false;

@@ -208,6 +208,10 @@ void TKdsView::HandleMeta(TNotification* notification) {
 void TKdsView::HandleColumn(TNotification* notification, TKdsColumn* column) {
     const TKdsAction action = notification->Action;
     const bool orders = fSorting == omOrder && fColumns->Contains(column);
+    // Names and places that the filter was compiled for may not be those of now.
+    const bool filters = fEvaluator && (action == acConfirmDelete || action == acConfirmRename ||
+                                        std::ranges::find(fEvaluator->Columns(), column->Index()) !=
+                                            fEvaluator->Columns().end());
     // Spelled while the rename may still be refused: once it stands, nothing may fail.
     if (action == acPrepareRename && orders) fRenamedOrder = OrderText();
     if (action != acConfirmInsert && action != acConfirmDelete && action != acConfirmRename &&
@@ -215,11 +219,11 @@ void TKdsView::HandleColumn(TNotification* notification, TKdsColumn* column) {
         return;
     }
     RaiseEvent(evFieldsChange, 0, 0, nullptr);
-    if (action == acConfirmInsert || !orders) return;
+    if (action == acConfirmInsert || (!orders && !filters)) return;
     // A unique view under construction makes its columns not null; that is no news to an order.
     if (fTable->fPreparing > 0) return;
-    if (action == acConfirmRename) fOrderBy.swap(fRenamedOrder);
-    if (action == acConfirmDelete) fColumns->DropColumn(column);
+    if (action == acConfirmRename && orders) fOrderBy.swap(fRenamedOrder);
+    if (action == acConfirmDelete && orders) fColumns->DropColumn(column);
     fAsleep = fAsleep || fActive;
     SetActive(false);
 }

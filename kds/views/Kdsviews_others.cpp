@@ -11,32 +11,39 @@
 
 namespace kds {
 
-// Every table on the way from the order's columns to what they show.
+template <typename F>
+void TKdsView::ForSteps(F&& use) const {
+    const auto follow = [&](const TKdsColumn* column) {
+        for (; column != nullptr && column->LooksUp(); column = column->Shown()) use(column);
+    };
+    for (const TKdsColumn* const column : *fColumns) follow(column);
+    if (!fEvaluator || fFilterLayout != fTable->Layout().Version()) return;
+    for (const std::int32_t index : fEvaluator->Columns())
+        follow(fTable->Columns()->GetItem(index));
+}
+
 std::vector<TKdsView::TSource> TKdsView::Sources() const {
     std::vector<TSource> sources;
-    for (const TKdsColumn* column : *fColumns) {
-        for (; column != nullptr && column->LooksUp(); column = column->Shown()) {
-            TKdsTable* const table = column->MasterTable();
-            const TKdsColumn* const shown = column->Shown();
-            const bool isDirect = shown == nullptr || !shown->LooksUp();
-            sources.push_back({table, table == nullptr ? 0 : table->ChangeCount(), isDirect});
-        }
-    }
+    ForSteps([&](const TKdsColumn* column) {
+        TKdsTable* const table = column->MasterTable();
+        const TKdsColumn* const shown = column->Shown();
+        const bool isDirect = shown == nullptr || !shown->LooksUp();
+        sources.push_back({table, table == nullptr ? 0 : table->ChangeCount(), isDirect});
+    });
     return sources;
 }
 
 // Without memory: this is asked on every use.
 bool TKdsView::IsFresh() const noexcept {
     std::size_t next = 0;
-    for (const TKdsColumn* column : *fColumns) {
-        for (; column != nullptr && column->LooksUp(); column = column->Shown()) {
-            const TKdsTable* const table = column->MasterTable();
-            if (next == fSources.size() || fSources[next].Table != table) return false;
-            if (table != nullptr && fSources[next].Changes != table->ChangeCount()) return false;
-            ++next;
-        }
-    }
-    return next == fSources.size();
+    bool isFresh = true;
+    ForSteps([&](const TKdsColumn* column) {
+        const TKdsTable* const table = column->MasterTable();
+        isFresh = isFresh && next < fSources.size() && fSources[next].Table == table &&
+                  (table == nullptr || fSources[next].Changes == table->ChangeCount());
+        ++next;
+    });
+    return isFresh && next == fSources.size();
 }
 
 // Not from inside a routine of the host or while rows are on their way: the view is as it was then,
@@ -84,7 +91,8 @@ bool TKdsView::PostedMasters(const TSource& before, const TSource& now,
 // Only the rows that show what was posted, when they are few; false: all of them.
 bool TKdsView::PlaceReadersOf(const std::vector<TSource>& sources) {
     if (sources.size() != fSources.size()) return false;
-    if (Unique()) return false;  // what is shown may be the same from now on
+    if (Unique()) return false;    // what is shown may be the same from now on
+    if (fEvaluator) return false;  // rows may come and go
     std::vector<TKdsRecord*> masters;
     for (std::size_t i = 0; i < sources.size(); ++i) {
         if (!PostedMasters(fSources[i], sources[i], masters)) return false;

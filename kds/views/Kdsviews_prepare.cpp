@@ -25,6 +25,12 @@ void TKdsView::Prepare() {
         fStorage->Clear();
         SetNullability(madeNotNull, true);
     });
+    const TExpressionScope clock;  // one time for all rows
+    if (!fLocking.Has(vlFilters) || !fEvaluator) {
+        CompileFilter();
+        fFilterErrors = 0;
+        fFilterError = nullptr;
+    }
     if (!fLocking.Has(vlOrderBy)) ParseOrder(madeNotNull);
     TKdsIndexMatch match = imNothing;
     TKdsView* const source = ReusableView(match);
@@ -72,7 +78,10 @@ void TKdsView::Dismiss() {
     fLastRow = nullptr;
     if (fChanges != nullptr) fChanges->Rebuilt();
     const bool comesBack = fTable != nullptr && fTable->Views()->Active() && fActive;
-    if (!fLocking.Has(vlFilters) || !comesBack) fStorage->Clear();
+    if (!fLocking.Has(vlFilters) || !comesBack) {
+        fStorage->Clear();
+        fEvaluator = nullptr;
+    }
     fStorage->InvalidateCache();
 }
 
@@ -160,6 +169,7 @@ void TKdsView::CheckDistinct() {
 }
 
 bool TKdsView::IsConsistent() {
+    Freshen();  // what has changed in other tables may wait
     if (!fActual) return true;
     if (!fStorage->IsConsistent()) return false;
     if (fLastRow != nullptr && (Count() == 0 || ItemAt(Count() - 1) != fLastRow)) return false;

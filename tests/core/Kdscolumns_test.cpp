@@ -198,9 +198,7 @@ TEST_F(TKdsColumnTest, RefusesWhatIsMissing) {
     TKdsColumn* const n = fColumns->Add(u"n", dtInteger);
     const std::pair<std::string, std::function<void()>> missing[] = {
         {"A calculated expression", [&] { n->SetExpression(u"1+1"); }},
-        {"A lookup filter", [&] { n->SetLookupFilter(u"x"); }},
         {"A limit of records in memory", [&] { fTable->SetMaxRecordsInMemory(10); }},
-        {"A filter expression", [&] { fTable->Select(u"n", u"n > 1"); }},
     };
     fRecorder.Lines.clear();
     for (const auto& [name, call] : missing) {

@@ -46,6 +46,40 @@ TEST_F(TAcceptTest, HidesRowsFromAllViewsButThePrimaryOne) {
     EXPECT_FALSE(filter.Accept(byQty, odd));
 }
 
+TEST_F(TAcceptTest, AFilterTextHoldsForEveryChangeAndForItsColumns) {
+    TKdsView* const view = fTable->Select(u"Qty desc", u"Qty * 2 >= 4 AND Name LIKE 'e%'");
+    EXPECT_EQ(view->Count(), 2);  // 4 and 6
+    TKdsRecord* const first = fTable->Records()->Items(0);
+    TKdsEdit edit(first);
+    first->SetDataN(u"Qty", 9);
+    EXPECT_EQ(view->Count(), 2);  // not posted yet
+    edit.Post();
+    EXPECT_EQ(view->IndexOf(first), 0);
+    view->SetFilter(u"Qty = 9");
+    EXPECT_EQ(view->Count(), 1);
+
+    EXPECT_THROW(view->SetFilter(u"Qty > Nothing"), EKdsParseError);
+    EXPECT_THROW((void)fTable->Select(u"Id", u"Qty >"), EKdsParseError);
+    EXPECT_EQ(view->Filter(), u"Qty = 9");
+    EXPECT_EQ(view->Count(), 1);
+    EXPECT_THROW(fTable->PrimaryView()->SetFilter(u"Qty = 1"), EKdsError);
+
+    // A value that cannot be judged keeps its row out, and the view goes on.
+    view->SetFilter(u"Qty + 9223372036854775807 > 0");
+    EXPECT_EQ(view->Count(), 1);  // quantity 0
+    EXPECT_EQ(view->FilterErrors(), 7);
+    EXPECT_THROW(std::rethrow_exception(view->FilterError()), EIntOverflow);
+
+    view->SetFilter(u"Qty >= 3");
+    fTable->Clear();
+    fTable->Columns()->Columns(u"Qty")->SetName(u"Quantity");
+    EXPECT_FALSE(view->Active());  // as when a column of its order changes
+    EXPECT_THROW(view->SetActive(true), EKdsParseError);
+    view->SetFilter(u"Quantity >= 3");
+    fTable->Insert({1, u"a", 4});
+    EXPECT_EQ(view->Count(), 1);
+}
+
 TEST_F(TAcceptTest, TheDefaultViewIsThePrimaryOneOnlyWithoutFilters) {
     TKdsView* const primary = fTable->GetDefaultView();
     ASSERT_EQ(primary, fTable->PrimaryView());

@@ -100,8 +100,8 @@ const TMistake Mistakes[] = {
              Exception);
          w.Table->SelectEx({}, nullptr, {}, nullptr, false, MakeIntf<TForeign>(w.Empty));
      }},
-    {"Filter", [](TW& w) { w.ByName->SetFilter(u"Qty > 2"); }},
-    {"SelectByFilter", [](TW& w) { w.Table->Select({}, u"Qty > 2"); }},
+    {"Filter", [](TW& w) { w.ByName->SetFilter(u"Qty > two"); }},
+    {"SelectByFilter", [](TW& w) { w.Table->Select({}, u"Qty > two"); }},
     {"UniqueByNothing",
      [](TW& w) {
          TKdsView* const view = w.Empty->Views()->MakeIndex({}, {voUnique});

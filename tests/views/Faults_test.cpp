@@ -100,8 +100,8 @@ TEST_P(TFaultTest, NoMemoryFromSomeAllocationOnLeavesNothingWrong) {
 TEST_P(TFaultTest, EachRoutineOfTheHostThatThrowsLeavesNothingHalfDone) {
     const auto& [scenario, options] = GetParam();
     try {
-        for (const TSpot spot : {TSpot::Accept, TSpot::Compare, TSpot::Value, TSpot::Calculate,
-                                 TSpot::Deacon, TSpot::Link}) {
+        for (const TSpot spot : {TSpot::Accept, TSpot::Filter, TSpot::Compare, TSpot::Value,
+                                 TSpot::Calculate, TSpot::Deacon, TSpot::Link}) {
             LookAround(scenario, options, spot != TSpot::Calculate, fBefore, fAfter);
             ThrowEverywhere(spot, true);
             ThrowEverywhere(spot, false);

@@ -20,7 +20,7 @@
 namespace kds::support {
 
 // Where the engine calls the host.
-enum class TSpot { None, Accept, Compare, Value, Calculate, Deacon, Link };
+enum class TSpot { None, Accept, Filter, Compare, Value, Calculate, Deacon, Link, List };
 
 class TFuse {
 public:
@@ -173,6 +173,7 @@ public:
     TKdsStore* Second = nullptr;
     TIntf<TGravedigger> Gravedigger;
     std::vector<std::unique_ptr<TMirror>> Mirrors;
+    std::unique_ptr<TKdsAccept> Filter;
 
     [[nodiscard]] static std::optional<std::int32_t> Number(TKdsRecord* record, int column) {
         return record->Get<std::int32_t>(record->Table()->Columns()->GetItem(column));
@@ -190,6 +191,10 @@ public:
     void AcceptEven(TKdsView*, TKdsRecord* record, bool& accept) {
         Fuse.Pass(TSpot::Accept);
         accept = Number(record, 0).value_or(1) % 20 == 0;
+    }
+    void Hide(TKdsView*, TKdsRecord* record, bool& accept) {
+        Fuse.Pass(TSpot::Filter);
+        accept = Number(record, 0) != 50;
     }
     void Calculate(TKdsColumn* column, TKdsRecord* record, TVariant& value) {
         Fuse.Pass(TSpot::Calculate);
@@ -242,6 +247,8 @@ inline TFaultWorld::TFaultWorld(TKdsTableOptions options) {
     ByLate = Table->Select(u"Late,Slow desc");
     ByTag = Table->Select(u"Tag desc");
     Plain = Table->Select({}, {}, nullptr, true);
+    Filter = std::make_unique<TKdsAccept>(
+        Table, TKdsAcceptRecordEvent::Bind<&TFaultWorld::Hide>(this), u"Hide 50");
     for (TKdsView* const view : {Table->PrimaryView(), Unique, ByName, Rich, Odd, ByTag, Plain}) {
         Mirrors.push_back(std::make_unique<TMirror>(&Fuse));
         Mirrors.back()->SetView(view);

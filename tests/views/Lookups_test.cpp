@@ -345,6 +345,37 @@ TEST_F(TLookupTest, AVirtualKeyKeepsNoValue) {
     EXPECT_EQ(VarToStr(other->GetDataC(country)), u"AD");
 }
 
+// What a lookup filter hides is not found any more; what was found stays.
+TEST_F(TLookupTest, ALookupFilterHidesMasterRowsFromNewWrites) {
+    TKdsColumn* const name = AddName();
+    AddCountries(12);
+    EXPECT_EQ(RefusalOf([&] { name->SourceField()->SetLookupFilter(u"Number < 3"); }),
+              "Only reference columns can be looked up");
+    EXPECT_EQ(RefusalOf([&] { name->SetLookupFilter(u"Id < 3"); }),
+              "Unknown function or variable \"Id\"");
+    EXPECT_EQ(name->LookupFilter(), u"");
+    TKdsRecord* const before = AddZone(1, u"AE");
+    name->SetLookupFilter(u"Number < 3");
+    TKdsRecord* const zone = AddZone(2, u"AC");
+    EXPECT_EQ(AddZone(3, u"AE")->Format(name), u"#wrong lookup");
+    EXPECT_EQ(VarToStr(name->LookupValue(u"AE")), u"#wrong lookup");
+    EXPECT_EQ(zone->Format(name), u"NAC");
+
+    // Hidden from now on, and moved.
+    fCountries->Records()->Items(0)->Delete();
+    TKdsEdit edit(fCountries->Records()->Items(1));
+    edit->SetDataN(u"Number", 9);
+    edit.Post();
+    EXPECT_EQ(before->Format(name), u"NAE");
+    EXPECT_EQ(zone->Format(name), u"NAC");
+    TKdsEdit again(zone);
+    zone->SetDataN(u"Country", u"AC");
+    again.Post();
+    EXPECT_EQ(zone->Format(name), u"#wrong lookup");
+    name->SetLookupFilter({});
+    EXPECT_EQ(zone->Format(name), u"NAC");
+}
+
 TEST_F(TLookupTest, VirtualKeysOfOneAnotherAreNoCircle) {
     TKdsColumn* const code = fCountries->Columns()->Columns(u"Code");
     fZones->SetPrimaryKey(u"Country");
@@ -392,6 +423,7 @@ protected:
         fName = AddName(GetParam().Kind);
         fName->SetLazyLookup(GetParam().IsLazy);
         fByName = fZones->Select(u"Name desc");
+        fLate = fZones->Select({}, u"Name > 'd' AND Id <> 7", nullptr, true);
         if (GetParam().Listens) fLink.SetView(fByName);
     }
     class TCounter final : public TKdsViewLink {
@@ -417,6 +449,7 @@ protected:
     TKdsColumn* fCountry;
     TKdsColumn* fName;
     TKdsView* fByName;
+    TKdsView* fLate;
     TCounter fLink;
     int fNextZone = 0;
     int fNextCountry = 0;
@@ -519,6 +552,13 @@ void TLookupModel::Check() {
         const TVariant name = zone->GetDataC(fName);
         ASSERT_EQ(name.IsNull() ? std::nullopt : std::optional(VarToStr(name)), shown[zone]);
     }
+    std::vector<TKdsRecord*> late;
+    for (TKdsRecord* const zone : *fZones->Records()) {
+        const TVariant id = zone->RowState() == rsEditing ? zone->GetOldI(0) : zone->GetDataI(0);
+        if (shown[zone] > u"d" && id != TVariant(7)) late.push_back(zone);
+    }
+    ASSERT_EQ(fLate->Count(), static_cast<std::int32_t>(late.size()));
+    ASSERT_EQ(std::vector<TKdsRecord*>(fLate->begin(), fLate->end()), late);
     const std::u16string sought = Letter(Draw(9));
     const auto first = std::ranges::find_if(
         expected, [&](TKdsRecord* zone) { return shown[zone] == std::optional(sought); });
