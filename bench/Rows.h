@@ -120,11 +120,12 @@ auto HandlesOf(const TSide& side, const std::vector<T>& rows) {
 
 class TKdsSide {
 public:
-    explicit TKdsSide(std::u16string_view name) : fStore(TKdsStore::Create(name)) {
+    explicit TKdsSide(std::u16string_view name, TKdsDataType text = dtAnsiString)
+        : fStore(TKdsStore::Create(name)) {
         fTable = fStore->Tables()->Add(u"Rows");
         TKdsTableColumnList* const columns = fTable->Columns();
         fId = columns->Add(u"Id", dtInt64);
-        fName = columns->Add(u"Name", dtAnsiString, 16);
+        fName = columns->Add(u"Name", text, 16);
         fValue = columns->Add(u"Value", dtDouble);
         fGroup = columns->Add(u"Group", dtInteger);
         fDate = columns->Add(u"Date", dtDate);

@@ -52,6 +52,22 @@ public:
         Run("CREATE INDEX by_date_id ON rows(date, id)");
     }
     void Commit() { Run("COMMIT"); }
+    // Into a new file, after Commit.
+    void BackUp(const char* fileName, bool syncs) {
+        sqlite3* file = nullptr;
+        Check(sqlite3_open(fileName, &file));
+        if (!syncs)
+            Check(sqlite3_exec(file, "PRAGMA synchronous = OFF", nullptr, nullptr, nullptr));
+        Copy(fBase, file);
+        Check(sqlite3_close(file));
+    }
+    // A base that has just been made, after Commit.
+    void Restore(const char* fileName) {
+        sqlite3* file = nullptr;
+        Check(sqlite3_open(fileName, &file));
+        Copy(file, fBase);
+        Check(sqlite3_close(file));
+    }
     void InsertKept(const TRow& row) {
         BindRow(fInsert, row);
         Step(fInsert);
@@ -111,6 +127,11 @@ private:
     }
     void Check(int code) { Expect(code, SQLITE_OK); }
     void Run(const char* text) { Check(sqlite3_exec(fBase, text, nullptr, nullptr, nullptr)); }
+    void Copy(sqlite3* from, sqlite3* to) {
+        sqlite3_backup* const backup = sqlite3_backup_init(to, "main", from, "main");
+        Expect(sqlite3_backup_step(backup, -1), SQLITE_DONE);
+        Check(sqlite3_backup_finish(backup));
+    }
     sqlite3_stmt* Statement(const char* text) {
         sqlite3_stmt* statement = nullptr;
         Check(sqlite3_prepare_v3(fBase, text, -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr));

@@ -252,6 +252,7 @@ private:
     friend class TKdsRecord;
     friend class TKdsStringManager;
     friend class TKdsTable;
+    friend class TKdsTableReader;
 
     // Prepare, store, confirm; `layout` tells whether the record layout follows. A refusal leaves
     // the column as it was.

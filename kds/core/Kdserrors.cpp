@@ -51,6 +51,11 @@ std::u16string GetMessageText(std::u16string_view key) {
     return MessageText(u"Kds.Errors", KdsMessages, key);
 }
 
+EKdsStreamError::EKdsStreamError(std::u16string_view cause, std::int64_t offset)
+    : EKdsError(GetMessageText(u"StreamReadError")),
+      fCause(std::make_shared<const std::u16string>(cause)),
+      fOffset(offset) {}
+
 void KdsError(std::u16string_view key) { throw EKdsError(GetMessageText(key)); }
 
 void KdsError(std::u16string_view key, std::initializer_list<TFormatArg> arguments) {

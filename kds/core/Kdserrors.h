@@ -6,7 +6,9 @@
 // Threads    The catalogue is constant; any thread may raise.
 #pragma once
 
+#include <cstdint>
 #include <initializer_list>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -14,6 +16,19 @@
 #include "kds/platform/Format.h"
 
 namespace kds {
+
+// Why data could not be loaded: the message says that they could not, the cause why, and the offset
+// where in the stream the item begins that is at fault.
+class EKdsStreamError : public EKdsError {
+public:
+    EKdsStreamError(std::u16string_view cause, std::int64_t offset);
+    [[nodiscard]] std::u16string_view Cause() const noexcept { return *fCause; }
+    [[nodiscard]] std::int64_t Offset() const noexcept { return fOffset; }
+
+private:
+    std::shared_ptr<const std::u16string> fCause;  // so that copying cannot fail
+    std::int64_t fOffset;
+};
 
 // The translated text of a key of section "Kds.Errors".
 [[nodiscard]] std::u16string GetMessageText(std::u16string_view key);

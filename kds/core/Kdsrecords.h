@@ -281,6 +281,8 @@ private:
     friend class TKdsTable;
     friend class TKdsTableRecordList;
     friend class TKdsStateScope;
+    friend class TKdsTableReader;
+    friend class TKdsTableWriter;
     friend class TKdsView;
 
     explicit TKdsRecord(TKdsTable* table) noexcept;
@@ -364,6 +366,12 @@ private:
     [[nodiscard]] static TKdsRecord* ValidRow(const TKdsColumn* column, const TKdsNormalLookup& key,
                                               const void* data, std::int32_t size);
     bool FindMaster(const TKdsColumn* column, const TKdsValue& value, TKdsNormalLookup& key);
+    // The key of a virtual key column in a buffer, in its own slot and in all that follow it:
+    // unresolved where it holds none.
+    [[nodiscard]] static TKdsNormalLookup VirtualKeyIn(const TKdsColumn* source,
+                                                       const std::byte* buffer) noexcept;
+    static void SetVirtualKeyIn(const TKdsColumn* source, const TKdsNormalLookup& key,
+                                std::byte* buffer) noexcept;
     void NullReferences(const TKdsColumn* source);
     // The master's rows have gone, and their identifiers come again.
     void Unresolve(const TKdsColumn* column) noexcept;

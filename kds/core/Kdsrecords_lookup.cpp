@@ -348,6 +348,27 @@ void TKdsRecord::StoreVirtual(const TKdsColumn* source, const TKdsNormalLookup& 
     SaveKeys(source, key, unresolved);
 }
 
+TKdsNormalLookup TKdsRecord::VirtualKeyIn(const TKdsColumn* source,
+                                          const std::byte* buffer) noexcept {
+    const TKdsColumn* const holder = source->KeyHolder();
+    const TKdsSlot& slot = source->Table()->Layout().Slot(holder->Index());
+    return slot.HasValue(buffer) ? LoadKey(holder, buffer + slot.Offset) : TKdsNormalLookup{};
+}
+
+void TKdsRecord::SetVirtualKeyIn(const TKdsColumn* source, const TKdsNormalLookup& key,
+                                 std::byte* buffer) noexcept {
+    const TKdsLayout& layout = source->Table()->Layout();
+    const auto set = [&](const TKdsColumn* column) {
+        const TKdsSlot& slot = layout.Slot(column->Index());
+        if (slot.Size > 0 && slot.HasValue(buffer)) SaveKey(column, key, buffer + slot.Offset);
+    };
+    set(source);
+    for (const TKdsColumn* column = source->fFirstFollower; column != nullptr;
+         column = column->fNextFollower) {
+        set(column);
+    }
+}
+
 void TKdsRecord::SaveKeys(const TKdsColumn* source, const TKdsNormalLookup& key,
                           const TFollowerSet& unresolved) {
     for (const TKdsColumn* column = source->fFirstFollower; column != nullptr;

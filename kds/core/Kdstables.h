@@ -29,6 +29,7 @@
 #include "kds/core/Kdsdata.h"
 #include "kds/core/Kdsrecordlists.h"
 #include "kds/core/Kdsrecords.h"
+#include "kds/core/Kdsstreams.h"
 #include "kds/core/Kdsstrings.h"
 
 namespace kds {
@@ -159,6 +160,27 @@ public:
     void EnterLoad(TKdsTableStatus status);
     void LeaveLoad();
 
+    // ---- Streams ----
+    // All rows as they read now, edits that are open included; `withStructure` makes the stream
+    // tell of the columns too. False when the progress was stopped. The table cannot be changed
+    // meanwhile.
+    bool SaveToStream(TStream& stream, bool withStructure = true, IKdsProgress* progress = nullptr);
+    // Appends what SaveToStream has written: rows of this table's shape or, in a table without
+    // columns, with the columns of the stream. EKdsStreamError, and a progress that stops, leave
+    // table and stream as they were; so does what OnRecord and progress raise.
+    TKdsLoadResult LoadFromStream(TStream& stream, TKdsLoadRecordEvent onRecord = nullptr,
+                                  IKdsProgress* progress = nullptr);
+    // The file is replaced, readable by its owner alone, when all of the new one has reached the
+    // disk; until then and after an error, EStreamError for instance, it is as before.
+    bool SaveToFile(std::u16string_view fileName, bool withStructure = true,
+                    IKdsProgress* progress = nullptr);
+    TKdsLoadResult LoadFromFile(std::u16string_view fileName,
+                                TKdsLoadRecordEvent onRecord = nullptr,
+                                IKdsProgress* progress = nullptr);
+    // Whether some of what is saved can be read only where the host brings the same handlers of
+    // custom data.
+    [[nodiscard]] bool IsPlatformDependent() const;
+
     // ---- Keys and views ----
     [[nodiscard]] std::u16string GetPrimaryKey() const;
     void SetPrimaryKey(std::u16string_view orderText);
@@ -287,6 +309,7 @@ private:
     friend class TKdsKeyValues;
     friend class TKdsView;
     friend class TKdsViewList;
+    friend class TKdsTableReader;
 
     [[noreturn]] void RaiseBusy() const;
     // ---- Buffers ----

@@ -7,12 +7,14 @@
 namespace {
 
 constinit std::atomic<std::int64_t> allocations = 0;
-constinit std::atomic<std::int64_t> failing = 0;  // which of them fails, 0 for none
-constinit std::atomic<bool> allAfter = false;     // and those after it
+constinit std::atomic<std::int64_t> allocated = 0;  // their bytes
+constinit std::atomic<std::int64_t> failing = 0;    // which of them fails, 0 for none
+constinit std::atomic<bool> allAfter = false;       // and those after it
 constinit std::atomic<bool> happened = false;
 
 void* Allocate(std::size_t size, std::size_t alignment) {
     const std::int64_t number = ++allocations;
+    allocated += static_cast<std::int64_t>(size);
     const std::int64_t first = failing.load();
     if (number == first || (allAfter && first != 0 && number > first)) {
         happened = true;
@@ -50,6 +52,7 @@ TFailingAllocation::~TFailingAllocation() { failing = 0; }
 bool TFailingAllocation::Happened() noexcept { return happened; }
 
 std::int64_t Allocations() noexcept { return allocations; }
+std::int64_t AllocatedBytes() noexcept { return allocated; }
 
 }  // namespace kds::support
 

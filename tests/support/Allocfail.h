@@ -20,8 +20,9 @@ public:
     [[nodiscard]] static bool Happened() noexcept;
 };
 
-// All allocations of the process so far.
+// All allocations of the process so far, and their bytes.
 [[nodiscard]] std::int64_t Allocations() noexcept;
+[[nodiscard]] std::int64_t AllocatedBytes() noexcept;
 
 // For n = 1, 2, 3...: `prepare()` makes a state, `act(state)` runs with its n-th allocation
 // failing, then `check(state, raised)` looks at what is left, `raised` saying whether
