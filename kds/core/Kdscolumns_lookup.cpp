@@ -195,6 +195,7 @@ void TKdsColumn::ForgetMaster() noexcept {
     fTargetField = nullptr;
     fLookupEvaluator = nullptr;
     UpdateOccurences();
+    if (TKdsTable* const table = Table()) table->SourcesChanged();
 }
 
 // Without what it refers to a column is an ordinary one; without what it shows it shows nothing.

@@ -108,10 +108,10 @@ void TKdsRecord::PrepareInsert() {
     CheckState({rsDetached}, true, u"CannotInsertRecord");
     if (fTable->fLastRowID == NoRowID) KdsError(u"MaximumCapacity");
     CheckConstraints(rsRegular);
-    // What is calculated once the row stands must find its room.
-    if ((fRowFlags & CompactBit) != 0 && fTable->Columns()->Occurences().Has(coCalculated)) {
-        ExpandBuffer();
-    }
+    if (!fTable->Columns()->Occurences().Has(coCalculated)) return;
+    // What is calculated once the row stands must find its room and its expressions.
+    fTable->Columns()->PrepareExpressions();
+    if ((fRowFlags & CompactBit) != 0) ExpandBuffer();
 }
 
 // The row stands in the list already: whatever fails on the way, it becomes whole.
@@ -126,7 +126,7 @@ void TKdsRecord::ConfirmInsert() {
     TFirstError errors;
     if (occurences.HasAny({coCalculated, coAutoInc})) {
         if (occurences.Has(coCalculated) && fTable->Status() != mtsMassive) {
-            errors.Run([&] { CalculateColumns(true); });
+            errors.Run([&] { (void)CalculateColumns(true); });
         }
         if (occurences.Has(coAutoInc)) errors.Run([&] { fTable->FollowAutoIncrement(this); });
     }
@@ -154,18 +154,22 @@ void TKdsRecord::Post() {
     TKdsTable* const table = fTable;
     table->CheckNotBusy();
     TKdsChangeBracket bracket(table);
+    const bool calculates = table->Columns()->Occurences().Has(coCalculated);
     const bool isQuiet = table->IsQuietPost(fBuffer.Original, fBuffer.Proposed);
+    std::optional<TExpressionScope> clock;  // one time for the row and all its views
+    if (!isQuiet || calculates) clock.emplace();
     if (isQuiet) {
         CheckNotNull();
         table->ReserveFollowed();
         table->ApproachFollowed(this, 2);
+        if (calculates) (void)CalculateColumns(false);
     } else {
         CheckConstraints(rsRegular);
         table->FreshenViews();
         table->ReservePlaces(this);
         // Calculating changes the edit, so nothing that may fail comes behind it.
         table->ReserveChanges();
-        if (table->Columns()->Occurences().Has(coCalculated)) CalculateColumns(false);
+        if (calculates) (void)CalculateColumns(false);
         table->FindChanges(fBuffer.Original, fBuffer.Proposed);
         table->ApproachPlaces(this, TKdsApproach::Moving);
     }

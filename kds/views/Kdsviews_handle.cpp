@@ -1,6 +1,8 @@
 // How a view follows its table.
 #include "kds/views/Kdsviews.h"
 
+#include <algorithm>
+
 #include "kds/core/Kdserrors.h"
 #include "kds/views/Kdschangefeeds.h"
 #include "kds/views/Kdsviewlists.h"
@@ -219,13 +221,22 @@ void TKdsView::HandleColumn(TNotification* notification, TKdsColumn* column) {
         return;
     }
     RaiseEvent(evFieldsChange, 0, 0, nullptr);
-    if (action == acConfirmInsert || (!orders && !filters)) return;
+    if (action == acConfirmInsert || (!orders && !filters && !ReadsThrough(column))) return;
     // A unique view under construction makes its columns not null; that is no news to an order.
     if (fTable->fPreparing > 0) return;
     if (action == acConfirmRename && orders) fOrderBy.swap(fRenamedOrder);
     if (action == acConfirmDelete && orders) fColumns->DropColumn(column);
     fAsleep = fAsleep || fActive;
     SetActive(false);
+}
+
+// Whether an expression stands between the view's columns and this one; or one that compiles no
+// longer, perhaps for want of it.
+bool TKdsView::ReadsThrough(const TKdsColumn* column) const {
+    if (!fActive || !fTable->Columns()->Occurences().Has(coExpression)) return false;
+    return std::ranges::any_of(ColumnsRead(), [&](const TKdsColumn* read) {
+        return read == column || read->ExpressionError() != nullptr;
+    });
 }
 
 // The canonical text of the parsed order, with the columns' names of now.
