@@ -234,9 +234,13 @@ void TKdsView::HandleColumn(TNotification* notification, TKdsColumn* column) {
 // longer, perhaps for want of it.
 bool TKdsView::ReadsThrough(const TKdsColumn* column) const {
     if (!fActive || !fTable->Columns()->Occurences().Has(coExpression)) return false;
-    return std::ranges::any_of(ColumnsRead(), [&](const TKdsColumn* read) {
-        return read == column || read->ExpressionError() != nullptr;
-    });
+    try {
+        return std::ranges::any_of(ColumnsRead(), [&](const TKdsColumn* read) {
+            return read == column || read->ExpressionError() != nullptr;
+        });
+    } catch (const std::bad_alloc&) {
+        return true;  // then it is found out when the view is built again
+    }
 }
 
 // The canonical text of the parsed order, with the columns' names of now.
