@@ -6,6 +6,18 @@
 
 namespace kds {
 
+namespace {
+
+// One behind the table's version: not calculated yet.
+void MarkLate(const TKdsTable& table, std::byte* buffer) noexcept {
+    for (const std::int32_t column : table.Layout().DelayedColumns()) {
+        StoreRaw(buffer + table.Layout().Slot(column).StampOffset,
+                 static_cast<std::uint32_t>(table.Version()) - 1);
+    }
+}
+
+}  // namespace
+
 TKdsRecord::TKdsRecord(TKdsTable* table) noexcept : TKdsItem(nullptr), fTable(table) {}
 
 TOwned<TKdsRecord> TKdsRecord::Create(TKdsTable* table, bool defaults) {
@@ -21,11 +33,7 @@ TOwned<TKdsRecord> TKdsRecord::Create(TKdsTable* table, bool defaults) {
     } else {
         record->fBuffer.Proposed = table->InitBuffer();
     }
-    for (const std::int32_t column : table->Layout().DelayedColumns()) {
-        // One behind the table's version: not calculated yet.
-        StoreRaw(record->fBuffer.Proposed + table->Layout().Slot(column).StampOffset,
-                 static_cast<std::uint32_t>(table->fVersion) - 1);
-    }
+    MarkLate(*table, record->fBuffer.Proposed);
     if (defaults) record->AssignDefaults();
     return record;
 }
@@ -145,6 +153,7 @@ void TKdsRecord::Edit() {
     CheckState({rsRegular}, true, u"RecordAlreadyEdits");
     fTable->ApproachFollowed(this, 0);
     fBuffer.Proposed = fTable->CopyBuffer(fBuffer.Original);
+    MarkLate(*fTable, fBuffer.Proposed);
     Become(rsEditing);
     fTable->ApproachFollowed(this, 1);
 }

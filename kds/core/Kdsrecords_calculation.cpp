@@ -127,7 +127,7 @@ void TKdsRecord::Calculate(const TKdsColumn* column, TKdsScratch& scratch) {
 }
 
 // A delayed column is calculated by the first read after a change of the table, or of those that
-// it reads.
+// it reads; in a row that is being built or edited by every read, for no change of it is counted.
 void TKdsRecord::RefreshDelayed(const TKdsColumn* column, const TKdsSlot& slot) {
     const std::byte* const buffer = FindBuffer();
     if (buffer == nullptr) return;
@@ -137,7 +137,8 @@ void TKdsRecord::RefreshDelayed(const TKdsColumn* column, const TKdsSlot& slot) 
     TKdsScratch scratch;
     Calculate(column, scratch);
     TKdsStateScope calculating(this, rsCalculate);
-    StoreRaw(WritableBuffer(slot) + slot.StampOffset, version);
+    const bool lasts = EffectiveState() == rsRegular;
+    StoreRaw(WritableBuffer(slot) + slot.StampOffset, lasts ? version : version - 1);
 }
 
 // Stored calculated columns; delayed ones wait for a read. In a change that stands a calculation
