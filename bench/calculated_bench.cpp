@@ -17,7 +17,9 @@ enum TStorage { Plain, Stored, Unstored };
 class TSide : public TKdsSide {
 public:
     explicit TSide(TStorage storage)
-        : TKdsSide(storage == Plain ? u"Plain" : storage == Stored ? u"Stored" : u"Unstored") {
+        : TKdsSide(storage == Plain    ? u"Plain"
+                   : storage == Stored ? u"Stored"
+                                       : u"Unstored") {
         Sum = Table()->Columns()->Add(u"Sum", dtDouble);
         if (storage != Plain) {
             Sum->SetCalculated(true, storage == Stored);

@@ -379,7 +379,7 @@ private:
         };
         bool Known = false;
         bool All = false;
-        bool Followed = false;  // links hear of every post, also of one that moves no row
+        bool Followed = false;    // links hear of every post, also of one that moves no row
         bool Calculated = false;  // at a column that the post itself calculates
         std::vector<TWord> Words;
         friend bool operator==(const TWatch&, const TWatch&) = default;

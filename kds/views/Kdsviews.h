@@ -456,11 +456,11 @@ private:
     bool fAsleep = false;    // switched off by a change of its columns; its next use wakes it
     bool fEntering = false;  // being built on its way into the list
     bool fEnds = false;
-    bool fMadeAsDefault = false;    // by the table
-    bool fReadsOthers = false;      // the order shows columns of other tables
-    std::vector<TSource> fSources;  // as of the last time,
+    bool fMadeAsDefault = false;      // by the table
+    bool fReadsOthers = false;        // the order shows columns of other tables
+    std::vector<TSource> fSources;    // as of the last time,
     std::uint64_t fSourcesShape = 0;  // and the shape of what they were found in
-    bool fIsPlain = false;          // of this very class
+    bool fIsPlain = false;            // of this very class
 };
 
 }  // namespace kds

@@ -28,8 +28,7 @@ std::vector<TKdsView::TSource> TKdsView::Sources() const {
         if (!column->LooksUp()) continue;
         TKdsTable* const table = column->MasterTable();
         const TKdsColumn* const shown = column->Shown();
-        const bool isDirect =
-            fColumns->Contains(column) && (shown == nullptr || !shown->LooksUp());
+        const bool isDirect = fColumns->Contains(column) && (shown == nullptr || !shown->LooksUp());
         sources.push_back({table, table == nullptr ? 0 : table->ChangeCount(), isDirect});
     }
     return sources;

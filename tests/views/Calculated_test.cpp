@@ -207,8 +207,7 @@ TEST_P(TCalculatedTest, ColumnsThatGoOrGetOtherNamesAreToldOfByTheNextPreparatio
     EXPECT_TRUE(row->GetIsNullC(sum));
     EXPECT_TRUE(row->GetIsNullC(twice));
     for (TKdsView* const view : {views[0], views[1]}) {
-        EXPECT_EQ(Refusal([&] { view->SetActive(true); }),
-                  "Unknown function or variable \"Qty\"");
+        EXPECT_EQ(Refusal([&] { view->SetActive(true); }), "Unknown function or variable \"Qty\"");
     }
     EXPECT_EQ(IdsOf(views[2]), (TIds{1}));
     sum->SetExpression(u"Quantity + 1");
@@ -245,7 +244,8 @@ TEST_P(TCalculatedTest, OrdersReadEachValueOnceAndTextsAreCompiledOnce) {
         ++compilations;
         call.AnswerInteger(0);
     };
-    ExpressionFunctions().Add({u"COUNTED", 1, 1, "*", ekAny, ffTakesNulls, TExprRoutine::BindCall(&count)});
+    ExpressionFunctions().Add(
+        {u"COUNTED", 1, 1, "*", ekAny, ffTakesNulls, TExprRoutine::BindCall(&count)});
     ExpressionFunctions().Add({u"FOLDED", 1, 1, "*", ekAny, 0, TExprRoutine::BindCall(&fold)});
     struct TCase {
         TKdsDataType Type;
@@ -272,9 +272,8 @@ TEST_P(TCalculatedTest, OrdersReadEachValueOnceAndTextsAreCompiledOnce) {
         EXPECT_EQ(evaluations, 100);
         TIds expected(100);
         for (int i = 0; i < 100; ++i) expected[static_cast<std::size_t>(i)] = i;
-        std::ranges::stable_sort(expected, std::greater<>(), [](std::int64_t id) {
-            return id % 9 == 8 ? -1 : id * 7 % 10;
-        });
+        std::ranges::stable_sort(expected, std::greater<>(),
+                                 [](std::int64_t id) { return id % 9 == 8 ? -1 : id * 7 % 10; });
         EXPECT_EQ(IdsOf(view), expected);
         Post(fStaff->Records()->Items(3), u"Qty", 11);
         EXPECT_TRUE(view->IsConsistent());
@@ -334,8 +333,7 @@ TEST_P(TCalculatedTest, FollowsTheTablesThatItReads) {
     for (int i = 0; i < 3; ++i) homes->Insert({i, i});
     for (int i = 0; i < 3; ++i) fStaff->Insert({i, u"n", 0, Null, i});
     TKdsView* const views[] = {fStaff->Select(u"Read"), fStaff->Select(u"Late"),
-                               fStaff->Select(u"HomeRent"),
-                               fStaff->Select(u"Kept", u"Late > 10")};
+                               fStaff->Select(u"HomeRent"), fStaff->Select(u"Kept", u"Late > 10")};
     TKdsRecord* const last = fStaff->Records()->Items(2);
     const auto check = [&](const TIds& ids, const TIds& filtered, const TVariant& value) {
         for (TKdsView* const view : {views[0], views[1], views[2]}) EXPECT_EQ(IdsOf(view), ids);

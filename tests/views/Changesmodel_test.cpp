@@ -160,8 +160,10 @@ void TChangesModelTest::MakeWorld(std::uint32_t seed) {
     fFilter.SetTable(fTable);
     const auto accept = AcceptWhen(
         [](TKdsRecord* row) { return !row->GetIsNullI(2) && VarToInt64(row->GetDataI(2)) >= 3; });
-    fViews = {fTable->PrimaryView(), fTable->Select(u"Qty desc,Name"),
-              fTable->SelectA(u"Price", u"", accept), fTable->Select(u"", u"", nullptr, true),
+    fViews = {fTable->PrimaryView(),
+              fTable->Select(u"Qty desc,Name"),
+              fTable->SelectA(u"Price", u"", accept),
+              fTable->Select(u"", u"", nullptr, true),
               fTable->Select(u"Caption desc,Qty"),
               fTable->Select(u"Late desc,Read", u"Kept >= '3'"),
               fTable->Select(u"ReadCaption,KeptCaption desc", u"LateCaption <> '2+'")};
