@@ -1,4 +1,5 @@
-// Zones that show their countries' names, calculated columns, filters, and a view watched through a dozen changes.
+// Zones that show their countries' names, calculated columns, filters, and a view watched through a
+// dozen changes.
 #pragma once
 
 #include "examples/world/Data.h"

@@ -1,8 +1,9 @@
 // Columns that are calculated by expressions: how these are compiled, and in which order they are
 // calculated.
+#include "kds/core/Kdscolumns.h"
+
 #include <algorithm>
 
-#include "kds/core/Kdscolumns.h"
 #include "kds/core/Kdsprovider.h"
 #include "kds/core/Kdstables.h"
 #include "kds/expr/Exprerrors.h"
@@ -110,7 +111,8 @@ void TKdsTableColumnList::CheckCircle(const TKdsColumn* column,
 
 // A walk into the depth: white columns are not seen yet, grey ones lie on the way to where it is,
 // black ones are done. A grey one that is met again reads itself, which only columns that got other
-// names can bring about; its expression is then given up. On a stack of its own: chains may be long.
+// names can bring about; its expression is then given up. On a stack of its own: chains may be
+// long.
 void TKdsTableColumnList::MakeExpressions() {
     for (TKdsColumn* const column : *this) column->CompileAnew(this);
     enum class TShade : std::uint8_t { White, Grey, Black };

@@ -1,10 +1,10 @@
 // Values that are calculated: when, in which order, and from which of the row's values.
-#include <limits>
+#include "kds/core/Kdsrecords.h"
+
 #include <utility>
 
 #include "kds/core/Kdserrors.h"
 #include "kds/core/Kdskeyvalues.h"
-#include "kds/core/Kdsrecords.h"
 #include "kds/core/Kdstables.h"
 #include "kds/platform/Text.h"
 

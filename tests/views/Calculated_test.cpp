@@ -1,5 +1,5 @@
-// Columns that are calculated by expressions: when they are compiled and calculated, what they read,
-// and views that are ordered and filtered by them, over every storage.
+// Columns that are calculated by expressions: when they are compiled and calculated, what they
+// read, and views that are ordered and filtered by them, over every storage.
 #include <gtest/gtest.h>
 
 #include <algorithm>
