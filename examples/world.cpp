@@ -329,6 +329,7 @@ void ShowWorld(const TWorld& world, bool plain) {
     ShowEdit(world);
     ShowChanges(world);
     ShowLookups(world);
+    ShowCalculated(world);
     ShowFilters(world);
     ShowWatch(world);
     ShowRefusals(world);

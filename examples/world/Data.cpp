@@ -41,6 +41,11 @@ TWorld CreateWorld() {
     columns->Add(u"Coordinates", kds::dtAnsiString, 16);
     columns->Add(u"Comments", kds::dtAnsiString, 80);
     columns->AddLookup(u"CountryName", u"Country", u"Name");
+    // Calculated when a row is inserted or posted, and with every read.
+    columns->Add(u"FromEquator", kds::dtFixed)->SetExpression(u"ABS(Latitude)");
+    kds::TKdsColumn* const label = columns->Add(u"Label", kds::dtWideString, 96);
+    label->SetCalculated(true, /*stored=*/false);
+    label->SetExpression(u"Zone || ' in ' || NVL(CountryName, Country)");
     world.Zones->SetPrimaryKey(u"Country, Zone");  // a key column is never null
     return world;
 }
@@ -67,6 +72,7 @@ void LoadWorld(const TWorld& world, const std::string& folder) {
         }
     }
     zones.Leave();
+    world.Zones->Recalculate();  // a massive bracket leaves that for later
 }
 
 }  // namespace world

@@ -51,6 +51,42 @@ void ShowLookups(const TWorld& world) {
     view->Free();
 }
 
+void ShowCalculated(const TWorld& world) {
+    Title("Calculated columns: FromEquator = ABS(Latitude), Label = Zone || ' in ' || ...");
+    kds::TKdsView* const view = world.Zones->Select(u"FromEquator desc, Label", u"Label LIKE 'P%'");
+    const auto print = [&] {
+        TSheet sheet({Right("#"), "Label", Right("Latitude"), Right("FromEquator")});
+        for (std::int32_t i = 0; i < std::min(3, view->Count()); ++i) {
+            kds::TKdsRecord* const row = view->Items(i);
+            sheet.Row({std::to_string(i), Cell(row, u"Label"), Cell(row, u"Latitude"),
+                       Cell(row, u"FromEquator")});
+        }
+        sheet.Print();
+    };
+    print();
+    Say("One latitude and one country's name are changed:");
+    kds::TKdsRecord* const apia = world.Zones->Records()->Find({u"WS", u"Pacific/Apia"});
+    const kds::TVariant latitude = apia->GetDataN(u"Latitude");
+    const auto move = [&](const kds::TVariant& value) {
+        kds::TKdsEdit edit(apia);
+        edit->SetDataN(u"Latitude", value);
+        edit.Post();
+    };
+    move(-89);
+    Rename(world.Countries, u"WS", u"Samoa on Ice");
+    print();
+    Rename(world.Countries, u"WS", u"Samoa (western)");
+    move(latitude);
+    std::string refusal;
+    try {
+        world.Zones->Columns()->Columns(u"FromEquator")->SetExpression(u"FromEquator + 1");
+    } catch (const kds::EKdsParseError& error) {
+        refusal = error.what();
+    }
+    Say("\"FromEquator + 1\" is refused: " + refusal);
+    view->Free();
+}
+
 void ShowFilters(const TWorld& world) {
     Title("Filters: a text for one view, an object for all views but the key's");
     TSheet sheet({"What", Right("Rows"), Right("Rows of the key's view")});

@@ -1,4 +1,5 @@
-// Zones that show their countries' names, filters, and a view watched through a dozen changes.
+// Zones that show their countries' names, calculated columns, filters, and a view watched through a
+// dozen changes.
 #pragma once
 
 #include "examples/world/Data.h"
@@ -6,6 +7,7 @@
 namespace world {
 
 void ShowLookups(const TWorld& world);
+void ShowCalculated(const TWorld& world);
 void ShowFilters(const TWorld& world);
 void ShowWatch(const TWorld& world);
 

@@ -171,11 +171,6 @@ void TKdsColumn::SetDictionary(std::u16string_view value) {
     });
 }
 
-void TKdsColumn::SetExpression(std::u16string_view value) {
-    if (value == fExpression) return;
-    KdsNotAvailable(u"A calculated expression");
-}
-
 void TKdsColumn::SetVisibility(TKdsVisibility value) {
     if (value == fVisibility) return;
     Change(false, [&] { fVisibility = value; });
@@ -283,6 +278,10 @@ void TKdsTableColumnList::Handle(TNotification* notification) {
     TKdsSteps steps(notification);
     if (ours) {
         CheckRestructure(notification);
+        if (notification->Action == acPrepareInsert) {
+            const auto* const column = static_cast<TKdsColumn*>(notification->Target);
+            if (!column->fExpression.empty()) (void)column->CompileIn(this, column->fExpression);
+        }
         ReserveFor(*notification);
         steps.Run([&] { Follow(notification); });
     }
@@ -325,6 +324,7 @@ void TKdsTableColumnList::Follow(TNotification* notification) {
         case acConfirmDelete:
             ForgetColumn(static_cast<TKdsColumn*>(notification->Target));
             static_cast<TKdsColumn*>(notification->Target)->fVocabulary = nullptr;
+            static_cast<TKdsColumn*>(notification->Target)->DropEvaluator();
             Relayout();
             return;
         case acConfirmUpdate:
@@ -333,6 +333,7 @@ void TKdsTableColumnList::Follow(TNotification* notification) {
             } else {
                 UpdateNotNull();
             }
+            ExpressionsChanged(static_cast<TKdsColumn*>(notification->Sender));
             return;
         default: return;
     }
@@ -363,6 +364,8 @@ void TKdsTableColumnList::Relayout() {
         column->fNullMask = slot.NullMask;
     }
     fLayout.Finish();
+    fExpressionsReady = false;
+    fTable->SourcesChanged();
     UpdateNotNull();
     fTable->LayoutChanged();
 }

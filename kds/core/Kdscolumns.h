@@ -9,12 +9,13 @@
 // Errors     CannotRestructure for a change of the layout, the order or a name while the table
 //            holds records or detached rows of it are alive; DuplicateName; "Column %s size exceeds
 //            limit"; ColumnTypeInternal for a column without a type. A refused change has changed
-//            nothing. What later versions bring (expressions, foreign keys) raises and says so.
+//            nothing. EKdsParseError for an expression that does not compile.
 // Cost       FindByName O(log n). A layout change O(columns).
 // Validity   Offsets are good until the layout changes, which needs an empty table.
 // Threads    Read-only columns may be read by several threads at once.
 #pragma once
 
+#include <exception>
 #include <span>
 #include <string>
 #include <vector>
@@ -127,8 +128,8 @@ public:
     [[nodiscard]] std::int32_t AutoIncStep() const noexcept { return fAutoIncStep; }
     [[nodiscard]] bool Calculated() const noexcept { return fAttributes.Has(caCalculated); }
     // A calculated column that is not stored takes no room and is computed on every read. Its
-    // OnGetValue starts from null. A not-null one could never be inserted: it is checked before it
-    // is calculated.
+    // OnGetValue starts from what its expression gives, null without one. A not-null one could
+    // never be inserted: it is checked before it is calculated.
     void SetCalculated(bool value, bool stored = true);
     // Calculated on the first read after a change of the table.
     void SetDelayedCalc(bool value);
@@ -161,7 +162,14 @@ public:
     [[nodiscard]] const std::u16string& Dictionary() const noexcept { return fDictionary; }
     void SetDictionary(std::u16string_view value);
     [[nodiscard]] const std::u16string& Expression() const noexcept { return fExpression; }
+    // Over the other columns of the table (docs/expressions.md); makes the column calculated. Rows
+    // keep what was stored before until they are posted or calculated anew (Recalculate). Compiled
+    // at once in a table, otherwise when the column gets there: EKdsParseError, CircularReference
+    // for one that reads this column again, and nothing has changed. An empty text takes it away.
     void SetExpression(std::u16string_view value);
+    // Why it does not compile since the columns that it reads have changed. Until that is mended
+    // the column is null, and views that read it cannot be built.
+    [[nodiscard]] const std::exception_ptr& ExpressionError() const;
     [[nodiscard]] const std::u16string& LookupFilter() const noexcept { return fLookupFilter; }
     // Of a reference column: an expression over the master's columns. Master rows for which it is
     // not true are not found by what is written from now on; keys that lead to them stay valid.
@@ -241,6 +249,11 @@ public:
         return fOccurences.HasAll({coCalculated, coDontStore});
     }
     [[nodiscard]] bool IsDelayed() const noexcept { return fOccurences.Has(coDelayedCalc); }
+    // Of a column that is calculated by an expression; nullptr for others, and while there is an
+    // ExpressionError.
+    [[nodiscard]] IExpressionEvaluator* Evaluator() const;
+    // What is read is calculated by then, not kept from before.
+    [[nodiscard]] bool CalculatesOnRead() const noexcept { return IsComputed() || IsDelayed(); }
 
 protected:
     TKdsColumn(std::u16string_view name, TKdsDataType type, std::int32_t length);
@@ -268,6 +281,11 @@ private:
     void UpdateOccurences() noexcept;
     void TakeShapeOf(const TKdsColumn* shown);
     void CheckAttributes(TKdsAttributes value, TKdsLookupKind kind);
+    [[nodiscard]] TIntf<IExpressionEvaluator> CompileIn(TKdsTableColumnList* list,
+                                                        std::u16string_view text) const;
+    void CompileAnew(TKdsTableColumnList* list);
+    void DropEvaluator() noexcept;
+    void GiveUpExpression();
     void CheckVirtual(TKdsTable* master, TKdsColumn* field, TKdsLookupKind kind);
     void CheckCircle(const TKdsColumn* shown) const;
     void FindPath() const;
@@ -286,6 +304,9 @@ private:
     TVariant fDefaultValue;
     std::u16string fDescription, fDictionary, fDisplayLabel, fDisplayMask;
     std::u16string fExpression;
+    TIntf<IExpressionEvaluator> fEvaluator;  // of the expression,
+    std::uint32_t fEvaluatorLayout = 0;      // for the columns of then; 0: to be compiled
+    std::exception_ptr fExpressionError;
     TIntf<IKdsFormat> fFormatter;
     TIntf<IKdsRender> fRenderer;
     std::int32_t fIndex = -1;
@@ -387,10 +408,23 @@ public:
     [[nodiscard]] TKdsTable* Table() const noexcept { return fTable; }
     [[nodiscard]] bool IsConsistent() const override;
 
+    // ---- Calculated columns ----
+    // Compiles what has to be compiled since the columns have changed.
+    void PrepareExpressions() {
+        if (!fExpressionsReady) MakeExpressions();
+    }
+    // Those that are calculated when a row is posted, each behind those that it reads. What a
+    // routine of the host reads nobody knows: otherwise they are in column order.
+    [[nodiscard]] const std::vector<TKdsColumn*>& CalculationOrder() {
+        PrepareExpressions();
+        return fCalculationOrder;
+    }
+
 protected:
     void DoSwitch(std::int32_t from, std::int32_t to) override;
 
 private:
+    friend class TKdsColumn;
     friend class TKdsTable;
     explicit TKdsTableColumnList(TKdsTable* table);
     ~TKdsTableColumnList() override = default;
@@ -402,12 +436,23 @@ private:
     void MarkLookupKeys() noexcept;
     void ForgetColumn(const TKdsColumn* column) noexcept;
     void UpdateNameIndex(TNotification* notification);
+    // ---- Calculated columns ----
+    void MakeExpressions();
+    void CheckCircle(const TKdsColumn* column, const IExpressionEvaluator& evaluator) const;
+    [[nodiscard]] std::vector<TKdsColumn*> SameRowReads(const TKdsColumn* column) const;
+    void ExpressionsChanged(const TKdsColumn* column) noexcept;
 
     TKdsStringList fNames;
     TKdsLayout fLayout;
     TKdsOccurences fOccurences;
     TKdsTable* fTable;
+    bool fExpressionsReady = false;
+    std::vector<TKdsColumn*> fCalculationOrder;
 };
+
+// All columns that reads of these columns read, themselves first and each once: through keys into
+// other tables, and through expressions that are calculated on reading.
+[[nodiscard]] std::vector<TKdsColumn*> ColumnsReadBy(std::vector<TKdsColumn*> columns);
 
 template <typename F>
 void TKdsColumn::Change(bool layout, F&& store) {

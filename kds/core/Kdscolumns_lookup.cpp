@@ -221,6 +221,7 @@ void TKdsColumn::ForgetMaster() noexcept {
     fLookupEvaluator = nullptr;
     fPath = {};
     UpdateOccurences();
+    if (TKdsTable* const table = Table()) table->SourcesChanged();
 }
 
 // Without what it refers to a column is an ordinary one; without what it shows it shows nothing.

@@ -1,4 +1,4 @@
-// The values of a search key in columns that read other tables.
+// The values of a search key in columns that read other tables or are calculated on reading.
 //
 // Shape      A record has no place for such a value, only for the key of a row that may not exist.
 //            While a TKdsKeyValues lives, reads of its record answer what was added here, and

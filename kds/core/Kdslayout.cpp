@@ -11,6 +11,7 @@ void TKdsLayout::Reset(std::int32_t columnCount) {
     fSlots.clear();
     fReferenceColumns.clear();
     fDelayedColumns.clear();
+    fMovesOnRead = false;
     const std::int32_t words = (columnCount + 31) / 32;
     fNotNull.assign(static_cast<std::size_t>(words), 0);
     fNullBytes = words * 4;

@@ -69,7 +69,9 @@ public:
     // Columns are added in column order; `size` is the room in the buffer, 0 for none.
     void Add(TKdsDataType type, TKdsSlotKind kind, std::int32_t size, bool delayed);
     void SetResolves(std::int32_t column) {
-        fSlots[static_cast<std::size_t>(column)].Resolves = true;
+        TKdsSlot& slot = fSlots[static_cast<std::size_t>(column)];
+        slot.Resolves = true;
+        if (slot.StampOffset >= 0) fMovesOnRead = true;
     }
     void Finish();
     // Which columns must hold a value; asked by whole words on the insert path.
@@ -85,6 +87,9 @@ public:
     [[nodiscard]] std::int32_t NullBytes() const noexcept { return fNullBytes; }
     [[nodiscard]] std::int32_t RecordSize() const noexcept { return fRecordSize; }
     [[nodiscard]] std::uint32_t Version() const noexcept { return fVersion; }
+    // A read may calculate a key and write the keys that follow it, for which a compact buffer may
+    // have to grow.
+    [[nodiscard]] bool MovesOnRead() const noexcept { return fMovesOnRead; }
     // Columns whose slot holds a counted reference.
     [[nodiscard]] const std::vector<std::int32_t>& ReferenceColumns() const noexcept {
         return fReferenceColumns;
@@ -112,6 +117,7 @@ private:
     std::int32_t fRecordSize = 0;
     std::int64_t fNextOffset = 0;
     std::uint32_t fVersion = 0;
+    bool fMovesOnRead = false;
 };
 
 }  // namespace kds

@@ -126,7 +126,8 @@ void TKdsProvider::Fetch(TExprPosition position, std::int32_t index, TExprTarget
 
 const std::byte* TKdsProvider::Buffer(TExprPosition position) {
     const TKdsRecord* const record = RecordOf(position);
-    return record == nullptr ? nullptr : record->BufferFor(ReadingOf(position));
+    if (record == nullptr || fColumns->Layout().MovesOnRead()) return nullptr;
+    return record->BufferFor(ReadingOf(position));
 }
 
 TIntf<IExpressionEvaluator> CompileExpression(TKdsTableColumnList* columns,

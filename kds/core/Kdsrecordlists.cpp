@@ -137,6 +137,7 @@ void TKdsTableRecordList::InsertItem(std::int32_t index, TKdsItem* item, TReleas
     if (record->Table() != fTable || record->Owner() != nullptr) KdsError(u"CannotInsertRecord");
     fTable->CheckNotBusy();
     TKdsChangeBracket bracket(fTable);
+    const TExpressionScope clock;  // one time for the row and all its views
     fTable->FreshenViews();
     TFirstError errors;
     {

@@ -6,6 +6,18 @@
 
 namespace kds {
 
+namespace {
+
+// One behind the table's version: not calculated yet.
+void MarkLate(const TKdsTable& table, std::byte* buffer) noexcept {
+    for (const std::int32_t column : table.Layout().DelayedColumns()) {
+        StoreRaw(buffer + table.Layout().Slot(column).StampOffset,
+                 static_cast<std::uint32_t>(table.Version()) - 1);
+    }
+}
+
+}  // namespace
+
 TKdsRecord::TKdsRecord(TKdsTable* table) noexcept : TKdsItem(nullptr), fTable(table) {}
 
 TOwned<TKdsRecord> TKdsRecord::Create(TKdsTable* table, bool defaults) {
@@ -21,11 +33,7 @@ TOwned<TKdsRecord> TKdsRecord::Create(TKdsTable* table, bool defaults) {
     } else {
         record->fBuffer.Proposed = table->InitBuffer();
     }
-    for (const std::int32_t column : table->Layout().DelayedColumns()) {
-        // One behind the table's version: not calculated yet.
-        StoreRaw(record->fBuffer.Proposed + table->Layout().Slot(column).StampOffset,
-                 static_cast<std::uint32_t>(table->fVersion) - 1);
-    }
+    MarkLate(*table, record->fBuffer.Proposed);
     if (defaults) record->AssignDefaults();
     return record;
 }
@@ -108,10 +116,10 @@ void TKdsRecord::PrepareInsert() {
     CheckState({rsDetached}, true, u"CannotInsertRecord");
     if (fTable->fLastRowID == NoRowID) KdsError(u"MaximumCapacity");
     CheckConstraints(rsRegular);
-    // What is calculated once the row stands must find its room.
-    if ((fRowFlags & CompactBit) != 0 && fTable->Columns()->Occurences().Has(coCalculated)) {
-        ExpandBuffer();
-    }
+    if (!fTable->Columns()->Occurences().Has(coCalculated)) return;
+    // What is calculated once the row stands must find its room and its expressions.
+    fTable->Columns()->PrepareExpressions();
+    if ((fRowFlags & CompactBit) != 0) ExpandBuffer();
 }
 
 // The row stands in the list already: whatever fails on the way, it becomes whole.
@@ -126,7 +134,7 @@ void TKdsRecord::ConfirmInsert() {
     TFirstError errors;
     if (occurences.HasAny({coCalculated, coAutoInc})) {
         if (occurences.Has(coCalculated) && fTable->Status() != mtsMassive) {
-            errors.Run([&] { CalculateColumns(true); });
+            errors.Run([&] { (void)CalculateColumns(true); });
         }
         if (occurences.Has(coAutoInc)) errors.Run([&] { fTable->FollowAutoIncrement(this); });
     }
@@ -145,6 +153,7 @@ void TKdsRecord::Edit() {
     CheckState({rsRegular}, true, u"RecordAlreadyEdits");
     fTable->ApproachFollowed(this, 0);
     fBuffer.Proposed = fTable->CopyBuffer(fBuffer.Original);
+    MarkLate(*fTable, fBuffer.Proposed);
     Become(rsEditing);
     fTable->ApproachFollowed(this, 1);
 }
@@ -154,18 +163,22 @@ void TKdsRecord::Post() {
     TKdsTable* const table = fTable;
     table->CheckNotBusy();
     TKdsChangeBracket bracket(table);
+    const bool calculates = table->Columns()->Occurences().Has(coCalculated);
     const bool isQuiet = table->IsQuietPost(fBuffer.Original, fBuffer.Proposed);
+    std::optional<TExpressionScope> clock;  // one time for the row and all its views
+    if (!isQuiet || calculates) clock.emplace();
     if (isQuiet) {
         CheckNotNull();
         table->ReserveFollowed();
         table->ApproachFollowed(this, 2);
+        if (calculates) (void)CalculateColumns(false);
     } else {
         CheckConstraints(rsRegular);
         table->FreshenViews();
         table->ReservePlaces(this);
         // Calculating changes the edit, so nothing that may fail comes behind it.
         table->ReserveChanges();
-        if (table->Columns()->Occurences().Has(coCalculated)) CalculateColumns(false);
+        if (calculates) (void)CalculateColumns(false);
         table->FindChanges(fBuffer.Original, fBuffer.Proposed);
         table->ApproachPlaces(this, TKdsApproach::Moving);
     }

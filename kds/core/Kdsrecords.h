@@ -144,6 +144,9 @@ public:
     void Post();    // nothing unless edited; ColumnNotNull and UniqueViolated leave the edit open
     void Cancel();  // nothing unless edited
     void Delete();  // CannotDeleteRecord; frees the record
+    // Calculates the stored columns anew, for a row that was loaded in a massive bracket or after
+    // an expression has changed: posts the row, unless it is being edited or built.
+    void Recalculate();
     // Enters a temporary state, or goes back to the state before it; RecordStateInvalid for any
     // other, because the buffers go with the lasting states. Within one temporary state another
     // changes nothing about the buffer.
@@ -336,8 +339,11 @@ private:
     void CheckDelete() const;
 
     void AssignDefaults();
-    void CalculateColumns(bool keepGoing);
+    // Whether all of them could be calculated.
+    bool CalculateColumns(bool keepGoing);
     [[nodiscard]] TVariant Compute(const TKdsColumn* column);
+    bool ComputeValue(const TKdsColumn* column, TKdsScratch& scratch, TKdsValue& value);
+    void Calculate(const TKdsColumn* column, TKdsScratch& scratch);
     void RefreshDelayed(const TKdsColumn* column, const TKdsSlot& slot);
     bool ReadComputed(const TKdsColumn* column, TKdsScratch& scratch, TKdsValue& value);
     static bool ReadSlot(const TKdsSlot& slot, const std::byte* buffer, TKdsValue& value) noexcept;

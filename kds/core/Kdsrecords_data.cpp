@@ -11,13 +11,6 @@
 #include "kds/platform/Text.h"
 
 namespace kds {
-namespace {
-
-// A calculation that reads calculations that read it would never end.
-constexpr std::int32_t MaximumComputeDepth = 32;
-
-}  // namespace
-
 void TKdsRecord::CheckColumn(const TKdsColumn* column) const {
     if (fTable == nullptr) KdsError(u"RecordStateInvalid");
     if (column == nullptr || column->Owner() != fTable->Columns()) {
@@ -91,37 +84,6 @@ bool TKdsRecord::ReadValue(const TKdsColumn* column, TKdsReading reading, TKdsSc
     const std::byte* const buffer = BufferFor(reading);
     if (buffer == nullptr || !slot.HasValue(buffer)) return false;
     return ReadSlot(slot, buffer, value);
-}
-
-// The value of a column that is not stored, in the raw form that a slot would hold.
-bool TKdsRecord::ReadComputed(const TKdsColumn* column, TKdsScratch& scratch, TKdsValue& value) {
-    const TVariant computed = Compute(column);
-    if (!computed.Assigned()) return false;
-    ConvertVariant(column->DataType(), computed, scratch, value);
-    return true;
-}
-
-TVariant TKdsRecord::Compute(const TKdsColumn* column) {
-    if (!column->OnGetValue() || fTable->fComputeDepth >= MaximumComputeDepth) return Null;
-    TVariant value = Null;
-    ++fTable->fComputeDepth;
-    TScopeGuard leave([table = fTable] { --table->fComputeDepth; });
-    TKdsBusyScope busy(fTable);
-    TKdsStateScope calculating(this, rsCalculate);
-    const TKdsGetValueEvent routine = column->OnGetValue();
-    routine(const_cast<TKdsColumn*>(column), this, value);
-    return value;
-}
-
-// A delayed column is calculated by the first read after a change of the table.
-void TKdsRecord::RefreshDelayed(const TKdsColumn* column, const TKdsSlot& slot) {
-    const std::byte* const buffer = FindBuffer();
-    const auto version = static_cast<std::uint32_t>(fTable->fVersion);
-    if (buffer == nullptr || LoadRaw<std::uint32_t>(buffer + slot.StampOffset) == version) return;
-    const TVariant value = Compute(column);
-    TKdsStateScope calculating(this, rsCalculate);
-    StoreVariant(column, value);
-    StoreRaw(WritableBuffer(slot) + slot.StampOffset, version);
 }
 
 bool TKdsRecord::GetDataP(const TKdsColumn* column, const void*& data, std::int32_t& size) {

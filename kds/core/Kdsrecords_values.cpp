@@ -181,7 +181,7 @@ std::u16string TKdsRecord::Format(const TKdsColumn* column) {
     return row->Format(column->Shown());
 }
 
-// ---- Defaults and calculation -------------------------------------------------------------
+// ---- Defaults -----------------------------------------------------------------------------
 
 void TKdsRecord::AssignDefaults() {
     const TKdsOccurences occurences = fTable->Columns()->Occurences();
@@ -195,33 +195,6 @@ void TKdsRecord::AssignDefaults() {
             StoreVariant(column, column->DefaultValue());
         }
     }
-}
-
-// Stored calculated columns in column order; delayed ones wait for a read. In a change that stands
-// a calculation that fails leaves its column null, whatever the routine of the host raises; only
-// that memory ran out is told, at the end.
-void TKdsRecord::CalculateColumns(bool keepGoing) {
-    TFirstError errors;
-    for (TKdsColumn* const column : *fTable->Columns()) {
-        if (!column->Calculated() || column->IsComputed() || column->IsDelayed()) continue;
-        const auto setNull = [&] {
-            TKdsStateScope calculating(this, rsCalculate);
-            StoreNull(column);
-        };
-        try {
-            const TVariant value = Compute(column);
-            TKdsStateScope calculating(this, rsCalculate);
-            StoreVariant(column, value);
-        } catch (const std::bad_alloc&) {
-            if (!keepGoing) throw;
-            errors.Keep(std::current_exception());
-            setNull();
-        } catch (...) {
-            if (!keepGoing) throw;
-            setNull();
-        }
-    }
-    errors.Rethrow();
 }
 
 // ---- Comparison ---------------------------------------------------------------------------

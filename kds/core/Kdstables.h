@@ -153,6 +153,9 @@ public:
     bool Delete(std::span<const TVariant> values);
     bool Delete(std::initializer_list<TVariant> values);
     void Clear();
+    // Calculates the stored columns of all rows anew; the views are built again behind it. Answers
+    // how many rows have a column that could not be calculated and is null now.
+    std::int32_t Recalculate();
 
     // ---- Load brackets ----
     // Only the outermost pair acts. mtsMassive and mtsDestroy switch the views off; LeaveLoad
@@ -244,6 +247,10 @@ public:
     [[nodiscard]] std::uint32_t PostedBy(std::uint64_t change) const noexcept {
         return change + fPosts.size() <= fChangeCount ? NoRowID : fPosts[change % fPosts.size()];
     }
+    // What is read through these columns, from here or from other tables, is not what it was. The
+    // tables that look into this one hear of it, and so on.
+    void SourcesChanged() noexcept;
+    [[nodiscard]] std::uint64_t Shape() const noexcept { return fShape; }
     // So that a row is placed among rows that stand right.
     void FreshenViews() {
         if (fColumns->LooksUp()) FreshenReadingViews();
@@ -372,7 +379,8 @@ private:
         };
         bool Known = false;
         bool All = false;
-        bool Followed = false;  // links hear of every post, also of one that moves no row
+        bool Followed = false;    // links hear of every post, also of one that moves no row
+        bool Calculated = false;  // at a column that the post itself calculates
         std::vector<TWord> Words;
         friend bool operator==(const TWatch&, const TWatch&) = default;
     };
@@ -397,6 +405,7 @@ private:
     }
     void Climb(TNotification* notification);
     void FreshenReadingViews();
+    void FollowMasters();
     [[nodiscard]] const TKdsKeyValues* KeyValuesFor(const TKdsRecord* record) const noexcept;
     void UnresolveReaders() noexcept;
     void CountChange(const TNotification& notification) noexcept;
@@ -448,6 +457,15 @@ private:
     std::vector<TIntf<IKdsAccept>> fFilters;
     std::vector<TKdsColumn*> fReferrers;
     std::uint64_t fChangeCount = 0;
+    std::uint64_t fShape = 1;  // counts what SourcesChanged tells
+    bool fTellsReaders = false;
+    // What delayed columns have read; of the shape of then.
+    struct TMaster {
+        TKdsTable* Table;
+        std::uint64_t Changes;
+    };
+    std::vector<TMaster> fMasters;
+    std::uint64_t fDelayedShape = 0;
     std::array<std::uint32_t, 32> fPosts{};  // of the latest changes, for those that look in
     std::uint64_t fFreshened = 0;            // the change of which readers with links have heard
 

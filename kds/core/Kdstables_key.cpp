@@ -114,6 +114,7 @@ TKdsTable::TWatch TKdsTable::LookAtViews() const {
         if (view->GetSortMode() != omOrder) continue;
         for (std::int32_t i = 0; i < view->Plan().Count(); ++i) {
             const TKdsSlot& slot = view->Plan().Part(i).Slot;
+            if (view->Plan().Part(i).Column->Calculated()) watch.Calculated = true;
             // Values whose bytes do not tell whether they have changed.
             if (slot.Kind >= skCustom || slot.StampOffset >= 0) {
                 watch.All = true;
@@ -134,9 +135,7 @@ TKdsTable::TWatch TKdsTable::LookAtViews() const {
 
 bool TKdsTable::IsQuietPost(const std::byte* before, const std::byte* after) {
     // A buffer that is cut behind its last value cannot be read by words.
-    if (fStatus != mtsRegular || !KeepsHome() || fColumns->Occurences().Has(coCalculated)) {
-        return false;
-    }
+    if (fStatus != mtsRegular || !KeepsHome()) return false;
     if (fPrimaryView != nullptr && !(fPrimaryView->Actual() && fPrimaryView->IsDistinct())) {
         return false;
     }
@@ -145,7 +144,7 @@ bool TKdsTable::IsQuietPost(const std::byte* before, const std::byte* after) {
         // Should somebody change the views on the way, what the post has changed is found out then.
         ReserveChanges();
     }
-    if (fWatch.All) return false;
+    if (fWatch.All || fWatch.Calculated) return false;
     std::uint64_t changed = 0;
     for (const TWatch::TWord& word : fWatch.Words) {
         changed |= word.Bits & (LoadRaw<std::uint64_t>(before + word.Offset) ^

@@ -149,6 +149,7 @@ TOwned<TKdsRecord> TKdsTable::TakeLocator() {
     std::byte* const buffer = locator->fBuffer.Proposed;
     ReleaseReferences(buffer);
     std::memset(buffer, 0, static_cast<std::size_t>(Layout().RecordSize()));
+    if (!Layout().DelayedColumns().empty()) FollowMasters();
     for (const std::int32_t column : Layout().DelayedColumns()) {
         // Counts as calculated: what is sought must not be calculated away.
         StoreRaw(buffer + Layout().Slot(column).StampOffset, fVersion);

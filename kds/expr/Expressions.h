@@ -145,6 +145,9 @@ public:
     // SetPosition and Test in one call: what a filter asks of every row. The position is good for
     // this call only.
     [[nodiscard]] virtual int TestAt(TExprPosition position) = 0;
+    // SetPosition and Evaluate in one call, without a variant: what a calculated column asks. A
+    // text or variant of the slot is good until the evaluator is used again.
+    [[nodiscard]] virtual TExprSlot ComputeAt(TExprPosition position) = 0;
 
     // What CircularReference calls it; the text of the expression unless it was named.
     virtual void SetName(std::u16string_view name) = 0;

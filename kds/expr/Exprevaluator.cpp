@@ -284,6 +284,10 @@ public:
         SetPosition(position);
         return Test();
     }
+    [[nodiscard]] TExprSlot ComputeAt(TExprPosition position) override {
+        SetPosition(position);
+        return Run([](const TExprSlot& result) { return result; });
+    }
     void SetName(std::u16string_view name) override { fName = name; }
     [[nodiscard]] const std::u16string& Text() const noexcept override { return fText; }
     [[nodiscard]] std::span<const std::int32_t> Columns() const noexcept override {

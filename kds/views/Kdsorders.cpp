@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "kds/core/Kdserrors.h"
+#include "kds/expr/Exprerrors.h"
 #include "kds/platform/Text.h"
 
 namespace kds {
@@ -152,6 +153,17 @@ void TKdsOrderColumnList::DropColumn(const TKdsColumn* column) {
     fCompiled = false;
 }
 
+void TKdsOrderColumnList::CheckPredictable() const {
+    std::vector<TKdsColumn*> columns;
+    for (TKdsColumn* const column : *this) columns.push_back(column);
+    for (const TKdsColumn* const column : ColumnsReadBy(std::move(columns))) {
+        if (!column->CalculatesOnRead()) continue;
+        const IExpressionEvaluator* const evaluator = column->Evaluator();
+        if (evaluator == nullptr || evaluator->IsPure()) continue;
+        ParserError(u"InvalidExpression", {column->Name() + u" = " + column->Expression()});
+    }
+}
+
 const TKdsOrderPlan& TKdsOrderColumnList::Plan(const TKdsLayout& layout) const {
     if (!fCompiled || !fPlan.IsCurrent(layout)) {
         fPlan.Compile(*this, layout);
@@ -222,7 +234,11 @@ void RawAt(const TKdsSlot& slot, const std::byte* buffer, const std::byte*& data
            std::int32_t& size) noexcept {
     data = buffer + slot.Offset;
     size = slot.Size;
-    if (slot.Type == dtWideString) {
+    if (slot.Kind == skMemo) {
+        const std::string_view units = TAnsiString::View(LoadRaw<void*>(data));
+        data = reinterpret_cast<const std::byte*>(units.data());
+        size = static_cast<std::int32_t>(units.size() / sizeof(char16_t));
+    } else if (slot.Type == dtWideString) {
         size = LoadRaw<std::uint16_t>(data);
         data += 2;
     }
@@ -278,16 +294,26 @@ int WidthOf(TKdsKeyKind kind) noexcept {
 }  // namespace
 
 void TKdsOrderPlan::Compile(const TKdsOrderColumnList& columns, const TKdsLayout& layout) {
+    Compile(columns, layout, false);
+}
+
+void TKdsOrderPlan::CompileKeys(const TKdsOrderColumnList& columns, const TKdsLayout& keys) {
+    Compile(columns, keys, true);
+}
+
+void TKdsOrderPlan::Compile(const TKdsOrderColumnList& columns, const TKdsLayout& layout,
+                            bool areKeys) {
     fParts.clear();
     fPlain = true;
     fStable = true;
     fMask.Reset(layout.ColumnCount());
     std::int32_t index = 0;
     for (const TKdsColumn* const column : columns) {
-        const TKdsSlot& slot = layout.Slot(column->Index());
+        const std::int32_t place = areKeys ? index : column->Index();
+        const TKdsSlot& slot = layout.Slot(place);
         const TKdsKeyKind kind = KindOf(slot);
         fParts.push_back({column, slot, kind, columns.Caseless(index), columns.Descends(index)});
-        fMask.Include(column->Index());
+        fMask.Include(place);
         if (kind == kkSlow) fPlain = false;
         // A value that compares itself may do so on the calling thread only.
         if (kind == kkSlow || slot.Type == dtCustomData) fStable = false;
@@ -460,6 +486,20 @@ bool TKdsOrderPlan::SameBytes(const std::byte* a, const std::byte* b) const {
 
 // ---- Comparison through the records -------------------------------------------------------
 
+bool ReadOrderKey(TKdsRecord* record, const TKdsColumn* column, TKdsReading reading,
+                  TKdsScratch& scratch, TKdsValue& value) {
+    const TKdsColumn* last = column;
+    while (last->LooksUp() && last->Shown() != nullptr) last = last->Shown();
+    if (last->Expression().empty()) return record->ReadValue(column, reading, scratch, value);
+    try {
+        return record->ReadValue(column, reading, scratch, value);
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (...) {
+        return false;
+    }
+}
+
 namespace {
 
 template <bool NanIsLast>
@@ -476,8 +516,10 @@ std::int32_t CompareByColumns(TKdsRecord* a, TKdsReading readA, TKdsRecord* b, T
         const TKdsColumn* const column = source->GetItem(i);
         TKdsValue x;
         TKdsValue y;
-        const bool hasA = a->ReadValue(column, readA, scratchA, x);
-        const bool hasB = b->ReadValue(column, readB, scratchB, y);
+        const bool hasA = NanIsLast ? ReadOrderKey(a, column, readA, scratchA, x)
+                                    : a->ReadValue(column, readA, scratchA, x);
+        const bool hasB = NanIsLast ? ReadOrderKey(b, column, readB, scratchB, y)
+                                    : b->ReadValue(column, readB, scratchB, y);
         if (!hasA || !hasB) {
             if (hasA != hasB) return hasA ? -1 : 1;
             continue;

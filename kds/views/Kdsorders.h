@@ -67,6 +67,9 @@ struct TKdsKeyPart {
 class TKdsOrderPlan {
 public:
     void Compile(const TKdsOrderColumnList& columns, const TKdsLayout& layout);
+    // For copies of keys: the layout has a slot for each column of the order, in that order. Texts
+    // lie behind handles there, the units of wide ones as bytes.
+    void CompileKeys(const TKdsOrderColumnList& columns, const TKdsLayout& keys);
     // All columns are compared in the buffers, without the records.
     [[nodiscard]] bool IsPlain() const noexcept { return fPlain; }
     // Nothing but a notified change moves a row in this order, and reading it writes nothing.
@@ -96,6 +99,8 @@ public:
     [[nodiscard]] bool SameBytes(const std::byte* a, const std::byte* b) const;
 
 private:
+    void Compile(const TKdsOrderColumnList& columns, const TKdsLayout& layout, bool areKeys);
+
     std::vector<TKdsKeyPart> fParts;
     TKdsColumnMask fMask;
     bool fPlain = true;
@@ -121,6 +126,9 @@ public:
     void Clear() override;
     // Compiled on first need and again when the layout has changed.
     [[nodiscard]] const TKdsOrderPlan& Plan(const TKdsLayout& layout) const;
+    // InvalidExpression for a column that is calculated on reading by what comes out otherwise each
+    // time, as NOW() does: rows could not keep their places.
+    void CheckPredictable() const;
     // The column is gone: nothing may compare by its pointer any more.
     void DropColumn(const TKdsColumn* column);
 
@@ -133,6 +141,10 @@ private:
     mutable TKdsOrderPlan fPlan;
     mutable bool fCompiled = false;
 };
+
+// The value that a row is ordered by: what an expression cannot calculate counts as null.
+bool ReadOrderKey(TKdsRecord* record, const TKdsColumn* column, TKdsReading reading,
+                  TKdsScratch& scratch, TKdsValue& value);
 
 // The literal comparison of two records, each by the reading asked for. `columns` nullptr: all
 // columns of a's table, ascending. `count` < 0: all of the list.

@@ -7,6 +7,7 @@
 #include "kds/views/Kdsliststorage.h"
 #include "kds/views/Kdslitestorage.h"
 #include "kds/views/Kdsskipstorage.h"
+#include "kds/views/Kdssortkeys.h"
 #include "kds/views/Kdstreestorage.h"
 #include "kds/views/Kdsviews.h"
 
@@ -112,31 +113,40 @@ bool IsVolatile(const TKdsView& view) {
     return view.GetSortMode() == omOrder && !view.Plan().IsStable();
 }
 
+// A row, with eight bytes of its key beside it.
 struct TPrefixed {
     std::uint64_t Prefix;
     TKdsRecord* Record;
+    [[nodiscard]] const std::byte* Values() const noexcept { return Record->PostedBuffer(); }
+};
+struct TCopied {
+    std::uint64_t Prefix;
+    TKdsRecord* Record;
+    const std::byte* Key;
+    [[nodiscard]] const std::byte* Values() const noexcept { return Key; }
 };
 
-// Most comparisons are decided by eight bytes that lie beside the pointer.
-void SortByPrefix(std::vector<void*>& records, const TKdsOrderPlan& plan) {
-    std::vector<TPrefixed> rows;
+// Most comparisons are decided by the eight bytes. `make` gives the row at a place.
+template <typename T, typename F>
+void SortByPrefix(std::vector<void*>& records, const TKdsOrderPlan& plan, F&& make) {
+    std::vector<T> rows;
     rows.reserve(records.size());
+    const bool hasPrefix = plan.HasPrefix();
     bool ascending = true;
     std::int64_t previous = -1;
-    for (void* const item : records) {
-        auto* const record = static_cast<TKdsRecord*>(item);
-        rows.push_back({plan.Prefix(record->PostedBuffer()), record});
-        ascending = ascending && record->RowID() > previous;
-        previous = record->RowID();
+    for (std::size_t i = 0; i < records.size(); ++i) {
+        T& row = rows.emplace_back(make(i));
+        if (hasPrefix) row.Prefix = plan.Prefix(row.Values());
+        ascending = ascending && row.Record->RowID() > previous;
+        previous = row.Record->RowID();
     }
     const bool decides = plan.PrefixDecides();
     MergeSort(
         rows.data(), static_cast<std::int64_t>(rows.size()),
-        [&plan, decides, ascending](const TPrefixed& a, const TPrefixed& b) -> std::int32_t {
+        [&plan, decides, ascending](const T& a, const T& b) -> std::int32_t {
             if (a.Prefix != b.Prefix) return a.Prefix < b.Prefix ? -1 : 1;
             if (!decides || a.Prefix == ~std::uint64_t{0}) {
-                const std::int32_t order = plan.Compare(a.Record->PostedBuffer(),
-                                                        b.Record->PostedBuffer(), plan.Count(), {});
+                const std::int32_t order = plan.Compare(a.Values(), b.Values(), plan.Count(), {});
                 if (order != 0) return order;
             }
             // The sort is stable: rows that came in the order of their identifiers stay so.
@@ -145,7 +155,18 @@ void SortByPrefix(std::vector<void*>& records, const TKdsOrderPlan& plan) {
                    (a.Record->RowID() < b.Record->RowID());
         },
         0);
-    std::ranges::transform(rows, records.begin(), &TPrefixed::Record);
+    std::ranges::transform(rows, records.begin(), &T::Record);
+}
+
+// In an order that is calculated on reading, by copies of the keys; false when there can be none.
+bool SortByCopies(std::vector<void*>& records, const TKdsOrderColumnList& columns) {
+    if (!TKdsSortKeys::CanCopy(columns)) return false;
+    TKdsSortKeys keys(columns);
+    if (!keys.Read(records)) return false;
+    SortByPrefix<TCopied>(records, keys.Plan(), [&](std::size_t row) {
+        return TCopied{0, static_cast<TKdsRecord*>(records[row]), keys.Key(row)};
+    });
+    return true;
 }
 
 }  // namespace
@@ -155,7 +176,13 @@ void TKdsViewStorage::SortRecords(std::vector<void*>& records, TKdsCompareOption
     TSortSwitch guard(isVolatile);
     if (!isVolatile && fOwner->GetSortMode() == omOrder && fOwner->Columns()->Count() > 0 &&
         compare == TKdsCompareOptions{coUseRowID} && fOwner->Plan().IsPlain()) {
-        SortByPrefix(records, fOwner->Plan());
+        SortByPrefix<TPrefixed>(records, fOwner->Plan(), [&](std::size_t row) {
+            return TPrefixed{0, RecordOf(records[row])};
+        });
+        return;
+    }
+    if (isVolatile && !fOwner->OnCompare() && compare == TKdsCompareOptions{coUseRowID} &&
+        SortByCopies(records, *fOwner->Columns())) {
         return;
     }
     MergeSort(

@@ -97,7 +97,9 @@ void TKdsView::SetOrderBy(std::u16string_view text) {
             if (!fits) KdsError(u"DefaultViewChange");
         }
         // A text that does not parse is refused before the view has given up its rows.
-        TKdsOrderColumnList::Create()->Parse(fTable, order);
+        const TOwned<TKdsOrderColumnList> columns = TKdsOrderColumnList::Create();
+        columns->Parse(fTable, order);
+        columns->CheckPredictable();
     }
     ChangeOption(vlFilters, [&] { fOrderBy.swap(order); });
 }

@@ -382,6 +382,7 @@ private:
     void HandleMeta(TNotification* notification);
     void HandleColumn(TNotification* notification, TKdsColumn* column);
     [[nodiscard]] std::u16string OrderText() const;
+    [[nodiscard]] bool ReadsThrough(const TKdsColumn* column) const;
     void Follow(TNotification* notification);
     [[nodiscard]] TPlace PlaceInserted(TKdsRecord* record);
     [[nodiscard]] TPlace PlaceUpdated(TKdsRecord* record);
@@ -397,11 +398,11 @@ private:
     struct TSource {
         TKdsTable* Table;
         std::uint64_t Changes;
-        bool IsDirect;  // what is shown lies in this very table
+        bool IsDirect;  // a column of the order shows what lies in this very table
     };
-    // Each step from a column of the order or the filter to what it shows in other tables.
-    template <typename F>
-    void ForSteps(F&& use) const;
+    // Those of the order and the filter, and what reading them reads.
+    [[nodiscard]] std::vector<TKdsColumn*> ColumnsRead() const;
+    void CheckExpressions() const;
     [[nodiscard]] std::vector<TSource> Sources() const;
     [[nodiscard]] bool IsFresh() const noexcept;
     void FollowOthers();
@@ -455,10 +456,11 @@ private:
     bool fAsleep = false;    // switched off by a change of its columns; its next use wakes it
     bool fEntering = false;  // being built on its way into the list
     bool fEnds = false;
-    bool fMadeAsDefault = false;    // by the table
-    bool fReadsOthers = false;      // the order shows columns of other tables
-    std::vector<TSource> fSources;  // as of the last time
-    bool fIsPlain = false;          // of this very class
+    bool fMadeAsDefault = false;      // by the table
+    bool fReadsOthers = false;        // the order shows columns of other tables
+    std::vector<TSource> fSources;    // as of the last time,
+    std::uint64_t fSourcesShape = 0;  // and the shape of what they were found in
+    bool fIsPlain = false;            // of this very class
 };
 
 }  // namespace kds

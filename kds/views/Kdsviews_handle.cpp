@@ -1,6 +1,8 @@
 // How a view follows its table.
 #include "kds/views/Kdsviews.h"
 
+#include <algorithm>
+
 #include "kds/core/Kdserrors.h"
 #include "kds/views/Kdschangefeeds.h"
 #include "kds/views/Kdsviewlists.h"
@@ -30,7 +32,7 @@ void TKdsView::HandleData(TNotification* notification) {
     // placing these anew is not enough.
     const bool placed =
         notification->Action == acConfirmInsert || notification->Action == acConfirmUpdate;
-    if (placed && fReadsOthers && !IsFresh()) fSources.clear();
+    if (placed && fReadsOthers && !IsFresh()) fSourcesShape = 0;  // of no shape
     dismiss.Dismiss();
 }
 
@@ -224,13 +226,26 @@ void TKdsView::HandleColumn(TNotification* notification, TKdsColumn* column) {
         return;
     }
     RaiseEvent(evFieldsChange, 0, 0, nullptr);
-    if (action == acConfirmInsert || (!orders && !filters)) return;
+    if (action == acConfirmInsert || (!orders && !filters && !ReadsThrough(column))) return;
     // A unique view under construction makes its columns not null; that is no news to an order.
     if (fTable->fPreparing > 0) return;
     if (action == acConfirmRename && orders) fOrderBy.swap(fRenamedOrder);
     if (action == acConfirmDelete && orders) fColumns->DropColumn(column);
     fAsleep = fAsleep || fActive;
     SetActive(false);
+}
+
+// Whether an expression stands between the view's columns and this one; or one that compiles no
+// longer, perhaps for want of it.
+bool TKdsView::ReadsThrough(const TKdsColumn* column) const {
+    if (!fActive || !fTable->Columns()->Occurences().Has(coExpression)) return false;
+    try {
+        return std::ranges::any_of(ColumnsRead(), [&](const TKdsColumn* read) {
+            return read == column || read->ExpressionError() != nullptr;
+        });
+    } catch (const std::bad_alloc&) {
+        return true;  // then it is found out when the view is built again
+    }
 }
 
 // The canonical text of the parsed order, with the columns' names of now.

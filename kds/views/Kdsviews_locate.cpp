@@ -19,7 +19,7 @@ void TKdsView::WithKey(const TKdsOrderColumnList* columns, std::span<const TVari
     std::int32_t count = 0;
     for (const TVariant& value : values) {
         const TKdsColumn* const column = columns->GetItem(count++);
-        if (column->LooksUp()) {
+        if (column->LooksUp() || column->IsComputed()) {
             shown.Add(column, value);
         } else {
             key->StoreVariant(column, value);

@@ -11,39 +11,35 @@
 
 namespace kds {
 
-template <typename F>
-void TKdsView::ForSteps(F&& use) const {
-    const auto follow = [&](const TKdsColumn* column) {
-        for (; column != nullptr && column->LooksUp(); column = column->Shown()) use(column);
-    };
-    for (const TKdsColumn* const column : *fColumns) follow(column);
-    if (!fEvaluator || fFilterLayout != fTable->Layout().Version()) return;
-    for (const std::int32_t index : fEvaluator->Columns())
-        follow(fTable->Columns()->GetItem(index));
+std::vector<TKdsColumn*> TKdsView::ColumnsRead() const {
+    std::vector<TKdsColumn*> columns;
+    for (TKdsColumn* const column : *fColumns) columns.push_back(column);
+    if (fEvaluator && fFilterLayout == fTable->Layout().Version()) {
+        for (const std::int32_t index : fEvaluator->Columns()) {
+            columns.push_back(fTable->Columns()->GetItem(index));
+        }
+    }
+    return ColumnsReadBy(std::move(columns));
 }
 
 std::vector<TKdsView::TSource> TKdsView::Sources() const {
     std::vector<TSource> sources;
-    ForSteps([&](const TKdsColumn* column) {
+    for (const TKdsColumn* const column : ColumnsRead()) {
+        if (!column->LooksUp()) continue;
         TKdsTable* const table = column->MasterTable();
         const TKdsColumn* const shown = column->Shown();
-        const bool isDirect = shown == nullptr || !shown->LooksUp();
+        const bool isDirect = fColumns->Contains(column) && (shown == nullptr || !shown->LooksUp());
         sources.push_back({table, table == nullptr ? 0 : table->ChangeCount(), isDirect});
-    });
+    }
     return sources;
 }
 
-// Without memory: this is asked on every use.
+// Without memory: this is asked on every use. A table that has gone has changed the shape.
 bool TKdsView::IsFresh() const noexcept {
-    std::size_t next = 0;
-    bool isFresh = true;
-    ForSteps([&](const TKdsColumn* column) {
-        const TKdsTable* const table = column->MasterTable();
-        isFresh = isFresh && next < fSources.size() && fSources[next].Table == table &&
-                  (table == nullptr || fSources[next].Changes == table->ChangeCount());
-        ++next;
-    });
-    return isFresh && next == fSources.size();
+    return fSourcesShape == fTable->Shape() &&
+           std::ranges::all_of(fSources, [](const TSource& source) {
+               return source.Table == nullptr || source.Changes == source.Table->ChangeCount();
+           });
 }
 
 // Not from inside a routine of the host or while rows are on their way: the view is as it was then,
@@ -56,7 +52,7 @@ void TKdsView::FollowOthers() {
         fReadsOthers = false;  // not again from in here
         TScopeGuard again([&] { fReadsOthers = fActual; });
         std::vector<TSource> sources = Sources();
-        if (PlaceReadersOf(sources)) {
+        if (fSourcesShape == fTable->Shape() && PlaceReadersOf(sources)) {
             fSources = std::move(sources);
             if (fChanges != nullptr) fChanges->Rebuilt();
             if (!fLinks.empty()) Notify(acStatusChanged, nullptr, 0);

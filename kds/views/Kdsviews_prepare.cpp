@@ -32,6 +32,7 @@ void TKdsView::Prepare() {
         fFilterError = nullptr;
     }
     if (!fLocking.Has(vlOrderBy)) ParseOrder(madeNotNull);
+    CheckExpressions();
     TKdsIndexMatch match = imNothing;
     TKdsView* const source = ReusableView(match);
     const bool keepsRows = fLocking.Has(vlFilters) && source == nullptr && fSorting == omOrder;
@@ -45,12 +46,14 @@ void TKdsView::Prepare() {
         if (source != nullptr) {
             sorts = fColumns->Count() != source->fColumns->Count() || fOnCompare;
             // Backwards, equal keys and nulls stand in the wrong order.
-            if (!sorts && match == imReverse) sorts = !IsInOrder({coUseRowID});
+            // Nor is what is calculated read once more to find that out.
+            if (!sorts && match == imReverse) sorts = !Plan().IsPlain() || !IsInOrder({coUseRowID});
         } else if (fSorting == omRowID && fTable->Records()->Order() == rloMixed) {
             sorts = true;
         }
         fReadsOthers = false;  // now the rows are placed by what is there now
         if (fTable->Columns()->LooksUp()) {
+            fSourcesShape = fTable->Shape();
             fSources = Sources();
             if (!fSources.empty()) RepairKeys();
         }
@@ -83,6 +86,15 @@ void TKdsView::Dismiss() {
         fEvaluator = nullptr;
     }
     fStorage->InvalidateCache();
+}
+
+// A column that does not compile any more is told of here.
+void TKdsView::CheckExpressions() const {
+    if (!fTable->Columns()->Occurences().HasAny({coExpression, coReference, coVirtualKey})) return;
+    fColumns->CheckPredictable();
+    for (const TKdsColumn* const column : ColumnsRead()) {
+        if (column->ExpressionError()) std::rethrow_exception(column->ExpressionError());
+    }
 }
 
 // `madeNotNull` are the columns that this changes, also when it raises on the way.

@@ -197,7 +197,6 @@ TEST_F(TKdsColumnTest, IsLateOnlyWhenItIsCalculatedAndStored) {
 TEST_F(TKdsColumnTest, RefusesWhatIsMissing) {
     TKdsColumn* const n = fColumns->Add(u"n", dtInteger);
     const std::pair<std::string, std::function<void()>> missing[] = {
-        {"A calculated expression", [&] { n->SetExpression(u"1+1"); }},
         {"A limit of records in memory", [&] { fTable->SetMaxRecordsInMemory(10); }},
     };
     fRecorder.Lines.clear();

@@ -48,6 +48,8 @@ public:
 
 private:
     using TValues = std::vector<std::string>;
+    // What depends on the row alone.
+    static constexpr std::int32_t Shown[] = {0, 1, 2, 3, 4, 6, 7, 8, 9};
     static std::string Value(TKdsRecord* record, std::int32_t column) {
         const TKdsStateScope posted = TKdsStateScope::Posted(record);
         std::ostringstream text;
@@ -56,7 +58,7 @@ private:
     }
     static TValues Read(TKdsRecord* record) {
         TValues values;
-        for (std::int32_t i = 0; i < 5; ++i) values.push_back(Value(record, i));
+        for (const std::int32_t i : Shown) values.push_back(Value(record, i));
         return values;
     }
     void Copy(TKdsView* view, TKdsEvent*) { fCopies.push_back(RowsOf(view)); }
@@ -69,11 +71,11 @@ private:
                 values = fValues.at(static_cast<std::size_t>(change.From));
                 fValues.erase(fValues.begin() + change.From);
             }
-            if (change.Kind == ckInserted) values.resize(5);
-            for (std::int32_t i = 0; i < 5 && change.Kind != ckRebuilt; ++i) {
+            if (change.Kind == ckInserted) values.resize(std::size(Shown));
+            for (std::size_t i = 0; i < std::size(Shown) && change.Kind != ckRebuilt; ++i) {
                 // Also of a row that is gone.
-                const std::string value = Value(change.Record, i);
-                if (change.Columns.Has(i)) values[static_cast<std::size_t>(i)] = value;
+                const std::string value = Value(change.Record, Shown[i]);
+                if (change.Columns.Has(Shown[i])) values[i] = value;
             }
             if (change.To >= 0) fValues.insert(fValues.begin() + change.To, values);
         }
@@ -140,6 +142,17 @@ void TChangesModelTest::MakeWorld(std::uint32_t seed) {
     fHomes->SetPrimaryKey(u"Code");
     fTable->Columns()->Add(u"Home", dtInteger)->ForeignKey(u"Homes", u"Code");
     fTable->Columns()->AddLookup(u"Caption", u"Home", u"Caption");
+    const auto calculate = [&](const char16_t* name, const char16_t* text) {
+        TKdsColumn* const column = fTable->Columns()->Add(name, dtAnsiString);
+        column->SetExpression(text);
+        return column;
+    };
+    calculate(u"Kept", u"Qty || '-' || Home");
+    calculate(u"Read", u"Name || Qty")->SetCalculated(true, /*stored=*/false);
+    calculate(u"Late", u"Read || Kept")->SetDelayedCalc(true);
+    calculate(u"KeptCaption", u"NVL(Caption, '?') || Read");
+    calculate(u"ReadCaption", u"Caption || Kept")->SetCalculated(true, /*stored=*/false);
+    calculate(u"LateCaption", u"Caption || '+'")->SetDelayedCalc(true);
     fTable->SetPrimaryKey(u"Id");
     for (int i = 0; i < 6; ++i) fHomes->Insert({i, Maybe(5)});
     for (int i = 0; i < 30; ++i) fTable->Insert({i, Maybe(5), Maybe(9), Maybe(4), Maybe(9)});
@@ -147,9 +160,13 @@ void TChangesModelTest::MakeWorld(std::uint32_t seed) {
     fFilter.SetTable(fTable);
     const auto accept = AcceptWhen(
         [](TKdsRecord* row) { return !row->GetIsNullI(2) && VarToInt64(row->GetDataI(2)) >= 3; });
-    fViews = {fTable->PrimaryView(), fTable->Select(u"Qty desc,Name"),
-              fTable->SelectA(u"Price", u"", accept), fTable->Select(u"", u"", nullptr, true),
-              fTable->Select(u"Caption desc,Qty")};
+    fViews = {fTable->PrimaryView(),
+              fTable->Select(u"Qty desc,Name"),
+              fTable->SelectA(u"Price", u"", accept),
+              fTable->Select(u"", u"", nullptr, true),
+              fTable->Select(u"Caption desc,Qty"),
+              fTable->Select(u"Late desc,Read", u"Kept >= '3'"),
+              fTable->Select(u"ReadCaption,KeptCaption desc", u"LateCaption <> '2+'")};
     for (TKdsView* const view : fViews) {
         for (const unsigned raises : {0u, 0u, 7u}) {
             fShadows.push_back(std::make_unique<TShadow>(view, fShadows.size() % 3 != 1, raises));
@@ -209,7 +226,7 @@ void TChangesModelTest::StepOfHomes() {
 void TChangesModelTest::Step(int depth) {
     Try([&] {
         TKdsRecord* const row = Any();
-        TKdsView* const view = fViews[static_cast<std::size_t>(Draw(5))];
+        TKdsView* const view = fViews[static_cast<std::size_t>(Draw(7))];
         const int kind = Draw(112);
         if (row == nullptr || kind < 20) {
             fTable->Insert({Draw(90), Maybe(5), Maybe(9), Maybe(4), Maybe(9)});
@@ -231,7 +248,7 @@ void TChangesModelTest::Step(int depth) {
         } else if (kind < 92) {
             fViews[1]->SetOrderBy(Draw(2) == 0 ? u"Qty desc,Name" : u"Name,Id desc");
         } else if (kind < 98) {
-            TShadow& link = *fShadows[static_cast<std::size_t>(Draw(15))];
+            TShadow& link = *fShadows[static_cast<std::size_t>(Draw(21))];
             Draw(2) == 0 ? link.SetCoalesces(!link.Coalesces()) : link.Watch(view);
         } else if (kind < 108) {
             StepOfHomes();

@@ -30,7 +30,20 @@ int CompareField(const TModelRow& a, const TModelRow& b, const TModelItem& item)
                 }
                 return Sign(x, y);
             });
-        case 2: return compare(a.Qty, b.Qty, [](int x, int y) { return Sign(x, y); });
+        case 2:
+        case 4: return compare(a.Qty, b.Qty, [](int x, int y) { return Sign(x, y); });
+        case 5:
+        case 6:
+        case 7: {
+            const auto value = [&](const TModelRow& row) -> std::optional<double> {
+                if (item.Field == 7) return static_cast<double>(row.Id % 5);
+                if (item.Field == 6 && row.Qty) return *row.Qty + static_cast<double>(row.Id % 7);
+                // In expressions a NaN is null.
+                if (item.Field == 5 && row.Price && !std::isnan(*row.Price)) return -*row.Price;
+                return std::nullopt;
+            };
+            return compare(value(a), value(b), [](double x, double y) { return Sign(x, y); });
+        }
         default:
             return compare(a.Price, b.Price, [](double x, double y) {
                 if (std::isnan(x) || std::isnan(y)) {
@@ -62,6 +75,12 @@ TModel::TModel(std::uint32_t seed, TKdsTableOptions options, int size, TKdsStora
     fTable->Columns()->Add(u"Name", seed % 2 == 0 ? dtAnsiString : dtMemoString, 8);
     fTable->Columns()->Add(u"Qty", dtInteger);
     fTable->Columns()->Add(u"Price", dtDouble);
+    fTable->Columns()->Add(u"Twice", dtInteger)->SetCalculated(true);
+    fTable->Columns()->Add(u"Less", dtDouble)->SetCalculated(true, /*stored=*/false);
+    fTable->Columns()->Add(u"Late", dtInt64)->SetDelayedCalc(true);
+    fTable->Columns()->Add(u"Fifth", dtInt64)->SetCalculated(true, /*stored=*/false);
+    fTable->Columns()->Items(7)->SetOnGetValue(TKdsGetValueEvent::Bind<&Remainder>());
+    Calculate();
     fTable->SetPrimaryKey(u"Id");
     fViews.emplace_back();
     fViews.back().View = fTable->PrimaryView();
@@ -73,6 +92,16 @@ TModel::TModel(std::uint32_t seed, TKdsTableOptions options, int size, TKdsStora
 TModel::~TModel() {
     fFilter.SetTable(nullptr);
     fStore->Free();
+}
+
+void TModel::Calculate() {
+    const auto name = [&](int column) { return fTable->Columns()->Items(column)->Name(); };
+    const auto set = [&](int column, const std::u16string& text) {
+        fTable->Columns()->Items(column)->SetExpression(text);
+    };
+    set(4, name(2) + u" * 2");
+    set(5, u"-" + name(3));
+    set(6, u"Twice - " + name(2) + u" + Id % 7");
 }
 
 void TModel::HideOnes(TKdsView*, TKdsRecord* record, bool& accept) {
@@ -172,7 +201,7 @@ void TModel::MakeView() {
     view.IsCustom = Draw(6) == 0;
     std::u16string text;
     const int items = Draw(4);
-    std::vector<int> fields{0, 1, 2, 3};
+    std::vector<int> fields{0, 1, 2, 3, 4, 5, 6, 7};
     std::ranges::shuffle(fields, fRandom);
     for (int i = 0; i < items; ++i) {
         const auto at = static_cast<std::size_t>(i);
@@ -187,8 +216,11 @@ void TModel::MakeView() {
         return record->GetDataI(2) != TVariant(Null) &&
                record->GetDataI(2).Get<std::int32_t>() >= least;
     });
+    const std::u16string_view filters[] = {u"Twice >= %d", u"Late - Id %% 7 >= %d / 2"};
     view.View = least < 0 ? fTable->Select(text, {}, nullptr, true)
-                          : fTable->SelectA(text, {}, accept, true);
+                : Draw(2) == 0
+                    ? fTable->SelectA(text, {}, accept, true)
+                    : fTable->Select(text, Format(filters[Draw(2)], {2 * least}), nullptr, true);
     if (view.IsCustom) view.View->SetOnCompare(TKdsComparer::Bind<&TModel::CompareCustom>(this));
     if (fListens && Draw(2) == 0) {
         view.Link = std::make_unique<TModelLink>(&fHeard);
@@ -223,6 +255,7 @@ void TModel::LoadBracket() {
         fRows[fTable->Records()->Add(std::move(record))->RowID()] = row;
     }
     for (int i = Draw(6); i > 0; --i) Delete();
+    EXPECT_EQ(fTable->Recalculate(), 0);
     fTable->LeaveLoad();
 }
 
@@ -233,6 +266,7 @@ void TModel::Rename() {
     fEdits.clear();
     const std::int32_t column = 1 + Draw(3);
     fTable->Columns()->Items(column)->SetName(Format(u"Renamed%d", {++fRenames}));
+    Calculate();
     for (const TModelView& view : fViews) view.View->SetActive(true);
 }
 

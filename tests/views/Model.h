@@ -29,7 +29,7 @@ struct TModelRow {
 };
 
 struct TModelItem {
-    int Field;  // 0 Id, 1 Name, 2 Qty, 3 Price
+    int Field;  // 0 Id, 1 Name, 2 Qty, 3 Price, from 4 on what is calculated
     bool Descends, Caseless;
 };
 
@@ -112,6 +112,11 @@ private:
         return fTable->Records()->FindRowID(std::next(fRows.begin(), Draw(Size()))->first);
     }
     [[nodiscard]] int Size() const { return static_cast<int>(fRows.size()); }
+    // By expressions stored, not stored and delayed, and by a routine.
+    void Calculate();
+    static void Remainder(TKdsColumn*, TKdsRecord* record, TVariant& value) {
+        value = VarToInt64(record->GetDataI(0)) % 5;
+    }
     static void HideOnes(TKdsView* view, TKdsRecord* record, bool& accept);
     std::int32_t CompareCustom(TKdsRecord* a, TKdsRecord* b);
     template <typename F>
