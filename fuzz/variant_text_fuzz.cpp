@@ -1,4 +1,5 @@
-// Any text as a value of every kind: refused, or one whose own text reads back as the same.
+// Any text as a value of every kind: refused, or one whose own text reads back as the same. A date's
+// text drops milliseconds, and a time of nothing else with them: that of the date without them does.
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -14,11 +15,13 @@ namespace {
 template <typename F>
 void Check(const kds::TVariant& text, F&& read) {
     try {
-        const kds::TVariant value(read(text));
-        const std::u16string written = kds::VarToStr(value);
-        if (kds::VarToStr(kds::TVariant(read(kds::TVariant(written)))) != written) {
-            __builtin_trap();
-        }
+        const auto reread = [&](const std::u16string& written) {
+            return kds::VarToStr(kds::TVariant(read(kds::TVariant(written))));
+        };
+        kds::TVariant value(read(text));
+        std::u16string written = kds::VarToStr(value);
+        if (value.Type() == kds::varDateTime) written = reread(written);
+        if (reread(written) != written) __builtin_trap();
     } catch (const kds::Exception&) {
     }
 }
