@@ -2,11 +2,15 @@
 //   world [--plain] [--large] [<folder of the data>]
 // --plain leaves out the times, which differ from run to run.
 // --large loads the whole Unicode character table as well and tells how fast that was.
+#include <unistd.h>
+
 #include <algorithm>
 #include <exception>
+#include <filesystem>
 #include <initializer_list>
 #include <iostream>
 #include <string>
+#include <system_error>
 #include <utility>
 
 #include "examples/world/Data.h"
@@ -300,6 +304,55 @@ void ShowLanguages(const TWorld& world) {
     sheet.Print();
 }
 
+// ---- Saving -------------------------------------------------------------------------------
+
+// All values of all rows in the order of the key.
+std::string Contents(kds::TKdsTable* table) {
+    std::string text;
+    for (kds::TKdsRecord* const row : *table->GetDefaultView()) {
+        for (kds::TKdsColumn* const column : *table->Columns()) {
+            text += Cell(row, column->Name()) + "\t";
+        }
+        text += "\n";
+    }
+    return text;
+}
+
+// A file of its own for each run; it goes when the scope is left.
+class TTemporaryFile {
+public:
+    explicit TTemporaryFile(const std::string& name)
+        : fPath(std::filesystem::temp_directory_path() / (std::to_string(getpid()) + name)) {}
+    TTemporaryFile(const TTemporaryFile&) = delete;
+    TTemporaryFile& operator=(const TTemporaryFile&) = delete;
+    ~TTemporaryFile() {
+        std::error_code ignored;
+        std::filesystem::remove(fPath, ignored);
+    }
+    [[nodiscard]] const std::filesystem::path& Path() const { return fPath; }
+
+private:
+    std::filesystem::path fPath;
+};
+
+void ShowSaving(const TWorld& world) {
+    Title("Saved to files, and loaded into another store");
+    const TWorld copy = CreateWorld(u"Copy");
+    TSheet sheet({"Table", Right("Bytes"), Right("Rows loaded"), "All values"});
+    // The countries first: the zones show their names.
+    for (kds::TKdsTable* const table : {world.Countries, world.Zones}) {
+        kds::TKdsTable* const loaded = table == world.Zones ? copy.Zones : copy.Countries;
+        const TTemporaryFile file(kds::ToUtf8(table->Name()) + ".kds");
+        table->SaveToFile(file.Path().u16string());
+        const std::int32_t rows = loaded->LoadFromFile(file.Path().u16string()).Loaded;
+        sheet.Row({kds::ToUtf8(table->Name()),
+                   std::to_string(std::filesystem::file_size(file.Path())), std::to_string(rows),
+                   Contents(loaded) == Contents(table) ? "the same" : "different"});
+    }
+    sheet.Print();
+    copy.Store->Free();
+}
+
 // ---- Figures ------------------------------------------------------------------------------
 
 void ShowStatistics(const TWorld& world, bool plain) {
@@ -335,6 +388,7 @@ void ShowWorld(const TWorld& world, bool plain) {
     ShowRefusals(world);
     ShowLateDuplicate(world);
     ShowLanguages(world);
+    ShowSaving(world);
     ShowStatistics(world, plain);
 }
 

@@ -23,9 +23,9 @@ TPlace ParseCoordinates(std::string_view text) {
     return {Degrees(text.substr(0, middle)), Degrees(text.substr(middle))};
 }
 
-TWorld CreateWorld() {
+TWorld CreateWorld(std::u16string_view name) {
     TWorld world;
-    world.Store = kds::TKdsStore::Create(u"World");
+    world.Store = kds::TKdsStore::Create(name);
 
     world.Countries = world.Store->Tables()->Add(u"Countries");
     world.Countries->Columns()->Add(u"Code", kds::dtChar, 2);

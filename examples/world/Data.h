@@ -16,7 +16,7 @@ struct TWorld {
 };
 
 // The tables with their columns and keys, still empty.
-[[nodiscard]] TWorld CreateWorld();
+[[nodiscard]] TWorld CreateWorld(std::u16string_view name = u"World");
 // Fills them from iso3166.tab and zone1970.tab of this folder.
 void LoadWorld(const TWorld& world, const std::string& folder);
 

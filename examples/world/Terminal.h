@@ -9,6 +9,7 @@
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace world {
@@ -44,7 +45,8 @@ inline void Say(std::string_view text) { std::cout << "   " << text << "\n"; }
 // Rows are collected first, because the longest cell of a column decides its width.
 class TSheet {
 public:
-    TSheet(std::initializer_list<THeading> headings) : fHeadings(headings) {
+    TSheet(std::initializer_list<THeading> headings) : TSheet(std::vector<THeading>(headings)) {}
+    explicit TSheet(std::vector<THeading> headings) : fHeadings(std::move(headings)) {
         for (const THeading& heading : fHeadings) fWidths.push_back(Width(heading.Text));
     }
     void Row(std::vector<std::string> cells) {
