@@ -189,6 +189,7 @@ TOwned<TKdsRecord> TKdsTableRecordList::Extract(TKdsRecord* record) {
 void TKdsTableRecordList::TakeOut(std::int32_t index, TOwned<TKdsRecord>* keeper, bool bury) {
     fTable->CheckNotBusy();
     TKdsChangeBracket bracket(fTable);
+    fTable->FreshenViews();  // what links hear of it is told of views that are right
     TFirstError errors;
     {
         TKdsTravelScope travel(fTable);
