@@ -16,6 +16,7 @@
 #include "kds/core/Kdsstores.h"
 #include "kds/core/Kdsstreams.h"
 #include "kds/core/Kdsstrings.h"
+#include "kds/core/Kdsswapper.h"
 #include "kds/core/Kdstables.h"
 #include "kds/core/Kdstypes.h"
 #include "kds/expr/Expressions.h"

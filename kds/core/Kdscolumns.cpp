@@ -183,6 +183,9 @@ void TKdsColumn::SetOnGetValue(TKdsGetValueEvent value) {
 
 void TKdsColumn::SetCustomData(TIntf<IKdsCustomData> value) {
     if (value == fCustomData) return;
+    // Rows that are out are read by the handler that has written them.
+    const TKdsTable* const table = Table();
+    if (table != nullptr && table->HasSwapped()) KdsError(u"CannotRestructure", {table->Name()});
     Change(false, [&] { fCustomData = std::move(value); });
 }
 

@@ -62,8 +62,4 @@ void KdsError(std::u16string_view key, std::initializer_list<TFormatArg> argumen
     throw EKdsError(Format(GetMessageText(key), arguments));
 }
 
-void KdsNotAvailable(std::u16string_view feature) {
-    KdsError(u"%s is not available in this version", {feature});
-}
-
 }  // namespace kds

@@ -36,7 +36,4 @@ private:
 [[noreturn]] void KdsError(std::u16string_view key);
 [[noreturn]] void KdsError(std::u16string_view key, std::initializer_list<TFormatArg> arguments);
 
-// The seam behind which a later piece of the library is missing: names it in the error.
-[[noreturn]] void KdsNotAvailable(std::u16string_view feature);
-
 }  // namespace kds

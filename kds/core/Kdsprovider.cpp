@@ -126,7 +126,8 @@ void TKdsProvider::Fetch(TExprPosition position, std::int32_t index, TExprTarget
 
 const std::byte* TKdsProvider::Buffer(TExprPosition position) {
     const TKdsRecord* const record = RecordOf(position);
-    if (record == nullptr || fColumns->Layout().MovesOnRead()) return nullptr;
+    // Of a row that is out the values are fetched: reading another row would take the buffer away.
+    if (record == nullptr || record->IsOut() || fColumns->Layout().MovesOnRead()) return nullptr;
     return record->BufferFor(ReadingOf(position));
 }
 

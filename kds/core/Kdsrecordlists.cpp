@@ -5,6 +5,7 @@
 #include <typeinfo>
 
 #include "kds/core/Kdserrors.h"
+#include "kds/core/Kdsswapper.h"
 #include "kds/core/Kdstables.h"
 #include "kds/util/Sortutils.h"
 #include "kds/views/Kdsviews.h"
@@ -156,6 +157,7 @@ void TKdsTableRecordList::InsertItem(std::int32_t index, TKdsItem* item, TReleas
         TNotification confirm{this, acConfirmInsert, record, index};
         PassConfirmInsert(&confirm, errors);
     }
+    if (fTable->fHomeless) errors.Run([&] { fTable->fSwapper->CommitAppend(); });
     bracket.Close(errors);
     errors.Rethrow();
 }
@@ -259,6 +261,10 @@ void TKdsTableRecordList::Notify(TNotification* notification) {
     }
     // Not the list's own reaction: it would look for any sender among the records.
     steps.Run([&] { TKdsItem::Notify(notification); });
+    if (notification->Sender == this && notification->Action == acConfirmDelete &&
+        record->IsSwapped()) {
+        fTable->fSwapper->CommitRemove(record);
+    }
     steps.Finish();
 }
 

@@ -1,6 +1,7 @@
 #include "kds/core/Kdsrecords.h"
 
 #include "kds/core/Kdserrors.h"
+#include "kds/core/Kdsswapper.h"
 #include "kds/core/Kdstables.h"
 #include "kds/views/Kdsviews.h"
 
@@ -23,10 +24,12 @@ TKdsRecord::TKdsRecord(TKdsTable* table) noexcept : TKdsItem(nullptr), fTable(ta
 TOwned<TKdsRecord> TKdsRecord::Create(TKdsTable* table, bool defaults) {
     if (table == nullptr) throw EInvalidArgument(u"A record needs a table");
     table->ReserveTrack();
-    TOwned<TKdsRecord> record(new (table->Slab()) TKdsRecord(table));
+    const bool home = table->KeepsHome() && !table->fHomeless;
+    TOwned<TKdsRecord> record(new (table->Slab(home)) TKdsRecord(table));
+    record->SetBit(HomelessBit, !home);
     table->Track(record.get());
     ++table->fOrphanRows;
-    record->fBuffer.Proposed = table->KeepsHome() ? record->Home() : nullptr;
+    record->fBuffer.Proposed = home ? record->Home() : nullptr;
     if (record->fBuffer.Proposed != nullptr) {
         std::memset(record->fBuffer.Proposed, 0,
                     static_cast<std::size_t>(table->Layout().RecordSize()));
@@ -44,7 +47,7 @@ void TKdsRecord::Teardown() noexcept {
         if (EffectiveState() == rsDetached) {
             fTable->Untrack(this);
             if (fRowID == NoRowID && fTable->fOrphanRows > 0) --fTable->fOrphanRows;
-        } else {
+        } else if (!IsOut()) {
             fTable->FreeBuffer(this, fBuffer.Original);
         }
         fTable->FreeBuffer(this, std::exchange(fBuffer.Proposed, nullptr));
@@ -54,7 +57,7 @@ void TKdsRecord::Teardown() noexcept {
 }
 
 void TKdsRecord::LeaveTable() noexcept {
-    fBuffer.Slab = fTable->fSlab;
+    fBuffer.Slab = HasBit(HomelessBit) ? fTable->fBareSlab : fTable->fSlab;
     fTable = nullptr;
 }
 
@@ -82,12 +85,25 @@ void TKdsRecord::LeaveForced() {
     if (fRowState != rsForced) return;
     fRowState = fOldState;
     // Written to a posted buffer, which may have been made full-size for it.
-    if (fRowState == rsRegular && fTable != nullptr) fTable->CompactBuffer(this);
+    if (fRowState != rsRegular || fTable == nullptr) return;
+    fTable->CompactBuffer(this);
+    if (IsSwapped()) fTable->fSwapper->CommitUpdate(this);
 }
 
 void TKdsRecord::RaiseState(std::u16string_view key) { KdsError(key); }
 
+const std::byte* TKdsRecord::FetchBuffer() const {
+    return fTable->fSwapper->Fetch(const_cast<TKdsRecord*>(this));
+}
+
+void TKdsRecord::MakeWritable(const TKdsSlot& slot) {
+    if (IsOut()) fTable->fSwapper->BringIn(this);
+    if (MovesForWrite(slot)) ExpandBuffer();
+}
+
 void TKdsRecord::ExpandBuffer() {
+    if (IsOut()) fTable->fSwapper->BringIn(this);
+    if (!HasBit(CompactBit)) return;
     fTable->ExpandBuffer(EffectiveState() == rsRegular ? fBuffer.Original : fBuffer.Proposed);
     fRowFlags = static_cast<std::uint8_t>(fRowFlags & ~CompactBit);
 }
@@ -115,6 +131,7 @@ void TKdsRecord::CheckNotNull() const {
 void TKdsRecord::PrepareInsert() {
     CheckState({rsDetached}, true, u"CannotInsertRecord");
     if (fTable->fLastRowID == NoRowID) KdsError(u"MaximumCapacity");
+    if (IsOut()) fTable->fSwapper->BringIn(this);
     CheckConstraints(rsRegular);
     if (!fTable->Columns()->Occurences().Has(coCalculated)) return;
     // What is calculated once the row stands must find its room and its expressions.
@@ -152,7 +169,13 @@ void TKdsRecord::Edit() {
     if (fTable == nullptr || IsPosting() || fTable->IsBusy()) KdsError(u"RecordStateInvalid");
     CheckState({rsRegular}, true, u"RecordAlreadyEdits");
     fTable->ApproachFollowed(this, 0);
-    fBuffer.Proposed = fTable->CopyBuffer(fBuffer.Original);
+    if (IsSwapped()) fTable->fSwapper->BeforeUpdate(this);
+    try {
+        fBuffer.Proposed = fTable->CopyBuffer(fBuffer.Original);
+    } catch (...) {
+        fTable->fSwapper->CancelUpdate(this);
+        throw;
+    }
     MarkLate(*fTable, fBuffer.Proposed);
     Become(rsEditing);
     fTable->ApproachFollowed(this, 1);
@@ -198,6 +221,7 @@ void TKdsRecord::Post() {
     table->FreeBuffer(this, std::exchange(fBuffer.Proposed, nullptr));
     BringHome();
     table->fPosting = nullptr;
+    if (IsSwapped()) errors.Run([&] { table->fSwapper->CommitUpdate(this); });
     // Links may delete the record: nothing of it is touched from here on.
     bracket.Close(errors);
     errors.Rethrow();
@@ -210,7 +234,7 @@ void TKdsRecord::BringHome() noexcept {
         fTable->CompactBuffer(this);
         return;
     }
-    if (fBuffer.Original == Home()) return;
+    if (HasBit(HomelessBit) || IsSwapped() || fBuffer.Original == Home()) return;
     std::memcpy(Home(), fBuffer.Original, static_cast<std::size_t>(fTable->Layout().RecordSize()));
     fTable->GiveBack(std::exchange(fBuffer.Original, Home()));
 }
@@ -221,6 +245,7 @@ void TKdsRecord::Cancel() {
     fRowState = rsRegular;
     fOldState = rsRegular;
     fTable->FreeBuffer(this, std::exchange(fBuffer.Proposed, nullptr));
+    if (IsSwapped()) fTable->fSwapper->CancelUpdate(this);
 }
 
 // ---- Delete -------------------------------------------------------------------------------
@@ -240,12 +265,16 @@ void TKdsRecord::PrepareDelete() {
     if (IsPosting()) KdsError(u"CannotDeleteRecord");
     fTable->ReserveTrack();
     Cancel();
-    if (fTable->Status() != mtsDestroy) CheckState({rsRegular}, true, u"CannotDeleteRecord");
+    if (fTable->Status() == mtsDestroy) return;
+    CheckState({rsRegular}, true, u"CannotDeleteRecord");
+    if (IsSwapped()) fTable->fSwapper->BeforeRemove(this);
 }
 
 void TKdsRecord::ConfirmDelete() {
     // The detached record keeps its last values, for everybody who still hears of its end.
-    // An edit that a table in destruction finds in a temporary state is still open.
+    // An edit that a table in destruction finds in a temporary state is still open. Where all rows
+    // go nobody reads back what is out.
+    if (IsOut()) fBuffer.Original = nullptr;
     fTable->FreeBuffer(this, std::exchange(fBuffer.Proposed, fBuffer.Original));
     Become(rsDetached);
     fTable->Track(this);

@@ -2,7 +2,9 @@
 //
 // Shape      A record has a pair of buffers: Original holds the posted values, Proposed the values
 //            being built or edited. The home buffer lies directly behind the record in one block
-//            of the table's slab; Proposed of an edit lies apart, and Post brings it home.
+//            of the table's slab; Proposed of an edit lies apart, and Post brings it home. Rows
+//            made since their table limits the records in memory have no home; a row that is out
+//            has no buffer at all, and every read asks the table's swapper for one.
 //
 //              rsDetached --insert--> rsRegular --Edit--> rsEditing
 //                  ^                   |     ^                |
@@ -22,6 +24,7 @@
 // Threads    One thread at a time; sort workers read resident values of plain columns.
 #pragma once
 
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <iosfwd>
@@ -65,7 +68,7 @@ inline constexpr std::uint32_t NoRowID = 4'294'967'295u;
 struct TKdsBuffer {
     union {
         std::byte* Original = nullptr;
-        std::int64_t FileOffs;      // while swapped out
+        std::int64_t FileOffs;      // while swapped out and not being edited
         std::int64_t DetachedSlot;  // while detached: its place in the table's list of such
         TSlab* Slab;                // without a table: where the record's memory belongs
     };
@@ -136,6 +139,8 @@ public:
     [[nodiscard]] bool Highlight() const noexcept { return HasFlag(rfHighlight); }
     void SetHighlight(bool value) noexcept { SetFlag(rfHighlight, value); }
     [[nodiscard]] bool IsSwapped() const noexcept { return HasFlag(rfSwapped); }
+    // Whether its values are in the swapper's file alone: not while a swapped row is edited.
+    [[nodiscard]] bool IsOut() const noexcept { return HasBit(OutBit); }
     // Tells the views' links that the row wants to be looked at.
     void Signal() { Notify(acStatusChanged, nullptr, 0); }
 
@@ -163,10 +168,12 @@ public:
     }
     std::byte* CheckWrite(const TKdsColumn* column);
     void CheckConstraints(TKdsRecordState state);
-    [[nodiscard]] const std::byte* FindBuffer() const noexcept {
-        return EffectiveState() == rsRegular ? fBuffer.Original : fBuffer.Proposed;
+    // Of a row that is out: what was read, good until the next read.
+    [[nodiscard]] const std::byte* FindBuffer() const {
+        if (EffectiveState() != rsRegular) return fBuffer.Proposed;
+        return IsOut() ? FetchBuffer() : fBuffer.Original;
     }
-    [[nodiscard]] const std::byte* BufferFor(TKdsReading reading) const noexcept {
+    [[nodiscard]] const std::byte* BufferFor(TKdsReading reading) const {
         const bool posted = reading == TKdsReading::Posted && EffectiveState() == rsEditing;
         return posted ? fBuffer.Original : FindBuffer();
     }
@@ -248,6 +255,7 @@ public:
                    TKdsValue& value);
     // The buffer of a resident row: what its views hold, also while they hear of its deletion.
     [[nodiscard]] const std::byte* PostedBuffer() const noexcept {
+        assert(!IsOut());
         return fRowState == rsDetached ? fBuffer.Proposed : fBuffer.Original;
     }
     // While the record is being posted: the values by which views that have not heard of it yet
@@ -283,7 +291,9 @@ private:
     friend class TKdsColumn;
     friend class TKdsTable;
     friend class TKdsTableRecordList;
+    friend class TKdsRowPin;
     friend class TKdsStateScope;
+    friend class TKdsSwapper;
     friend class TKdsTableReader;
     friend class TKdsTableWriter;
     friend class TKdsView;
@@ -305,6 +315,11 @@ private:
         return (fRowFlags & (1u << static_cast<unsigned>(flag))) != 0;
     }
     void SetFlag(TKdsRecordFlag flag, bool value) noexcept;
+    [[nodiscard]] bool HasBit(std::uint8_t bit) const noexcept { return (fRowFlags & bit) != 0; }
+    void SetBit(std::uint8_t bit, bool value) noexcept {
+        fRowFlags = static_cast<std::uint8_t>(value ? fRowFlags | bit : fRowFlags & ~bit);
+    }
+    [[nodiscard]] const std::byte* FetchBuffer() const;
     [[nodiscard]] std::byte* Home() noexcept { return reinterpret_cast<std::byte*>(this + 1); }
     [[nodiscard]] static bool IsTemporary(TKdsRecordState state) noexcept {
         return state >= rsDefaults;
@@ -318,15 +333,15 @@ private:
     void CheckColumn(const TKdsColumn* column) const;
     // Resident, never nullptr, and with room for this column.
     [[nodiscard]] std::byte* WritableBuffer(const TKdsSlot& slot) {
-        if (MovesForWrite(slot)) ExpandBuffer();
+        if (HasBit(CompactBit | OutBit)) MakeWritable(slot);
         return EffectiveState() == rsRegular ? fBuffer.Original : fBuffer.Proposed;
     }
     // Whether making room moves the buffer: it ends behind its last value. Delayed columns always
     // have room, so that a read that calculates them moves nothing.
     [[nodiscard]] bool MovesForWrite(const TKdsSlot& slot) const noexcept {
-        return (fRowFlags & CompactBit) != 0 && slot.StampOffset < 0 &&
-               EffectiveState() != rsEditing;
+        return HasBit(CompactBit) && slot.StampOffset < 0 && EffectiveState() != rsEditing;
     }
+    void MakeWritable(const TKdsSlot& slot);
     void ExpandBuffer();
 
     void CheckNotNull() const;
@@ -346,6 +361,8 @@ private:
     void Calculate(const TKdsColumn* column, TKdsScratch& scratch);
     void RefreshDelayed(const TKdsColumn* column, const TKdsSlot& slot);
     bool ReadComputed(const TKdsColumn* column, TKdsScratch& scratch, TKdsValue& value);
+    bool ReadOut(const TKdsColumn* column, const TKdsSlot& slot, TKdsScratch& scratch,
+                 TKdsValue& value);
     static bool ReadSlot(const TKdsSlot& slot, const std::byte* buffer, TKdsValue& value) noexcept;
     // Apart, so that the usual write saves no registers for it.
     [[gnu::noinline]] void SetChecked(const TKdsColumn* column, const void* data,
@@ -381,6 +398,7 @@ private:
     void NullReferences(const TKdsColumn* source);
     // The master's rows have gone, and their identifiers come again.
     void Unresolve(const TKdsColumn* column) noexcept;
+    void ForgetKeysIn(std::byte* buffer) const noexcept;
     [[nodiscard]] TKdsNormalLookup KeyFor(const TKdsColumn* source, const void* data,
                                           std::int32_t size, TFollowerSet& unresolved);
     [[nodiscard]] static TKdsNormalLookup KeyOf(const TKdsRecord* row);
@@ -397,6 +415,12 @@ private:
 
     // In the flags: the buffer that was posted last has been cut behind its last value.
     static constexpr std::uint8_t CompactBit = 0x80;
+    // There is no buffer; the posted values lie in the swapper's file.
+    static constexpr std::uint8_t OutBit = 0x40;
+    // No home buffer lies behind the record.
+    static constexpr std::uint8_t HomelessBit = 0x20;
+    // The virtual keys in its image lead to rows that have gone.
+    static constexpr std::uint8_t StaleKeysBit = 0x10;
 
     TKdsRecordState fRowState = rsDetached;
     TKdsRecordState fOldState = rsDetached;

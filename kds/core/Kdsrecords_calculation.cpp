@@ -5,6 +5,7 @@
 
 #include "kds/core/Kdserrors.h"
 #include "kds/core/Kdskeyvalues.h"
+#include "kds/core/Kdsswapper.h"
 #include "kds/core/Kdstables.h"
 #include "kds/platform/Text.h"
 
@@ -197,10 +198,13 @@ std::int32_t TKdsTable::Recalculate() {
     TFirstError errors;
     for (TKdsRecord* const record : *fRecords) {
         errors.Run([&] {
+            if (record->IsOut()) fSwapper->BringIn(record);
             const TKdsStateScope posted = TKdsStateScope::Posted(record);
             if (!record->CalculateColumns(true)) ++failures;
         });
-        if (record->fRowState == rsRegular) CompactBuffer(record);
+        if (record->fRowState != rsRegular) continue;
+        CompactBuffer(record);
+        if (record->IsSwapped()) errors.Run([&] { fSwapper->CommitUpdate(record); });
     }
     fModified = true;
     fVersion = static_cast<std::int32_t>(static_cast<std::uint32_t>(fVersion) + 1);

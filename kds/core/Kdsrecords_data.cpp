@@ -4,8 +4,10 @@
 #include <algorithm>
 #include <cassert>
 #include <cstring>
+#include <optional>
 
 #include "kds/core/Kdserrors.h"
+#include "kds/core/Kdsswapper.h"
 #include "kds/core/Kdstables.h"
 #include "kds/expr/Varconvert.h"
 #include "kds/platform/Text.h"
@@ -79,11 +81,39 @@ bool TKdsRecord::ReadValue(const TKdsColumn* column, TKdsReading reading, TKdsSc
             return ReadValue(column, TKdsReading::Current, scratch, value);
         }
         if (slot.Kind == skComputed) return ReadComputed(column, scratch, value);
-        RefreshDelayed(column, slot);
+        if (!IsOut()) RefreshDelayed(column, slot);
     }
+    if (IsOut()) return ReadOut(column, slot, scratch, value);
     const std::byte* const buffer = BufferFor(reading);
     if (buffer == nullptr || !slot.HasValue(buffer)) return false;
     return ReadSlot(slot, buffer, value);
+}
+
+// Of a row that is out. Copied, because reading another such row takes the buffer away.
+bool TKdsRecord::ReadOut(const TKdsColumn* column, const TKdsSlot& slot, TKdsScratch& scratch,
+                         TKdsValue& value) {
+    std::optional<TKdsRowPin> pin;
+    if (slot.StampOffset >= 0) {
+        pin.emplace(this);
+        RefreshDelayed(column, slot);
+    }
+    const std::byte* const buffer = FindBuffer();
+    if (buffer == nullptr || !slot.HasValue(buffer)) return false;
+    ReadSlot(slot, buffer, value);
+    const auto size = static_cast<std::size_t>(value.Size);
+    if (slot.Type == dtWideString) {
+        scratch.Wide.resize(size);
+        if (size > 0) std::memcpy(scratch.Wide.data(), value.Data, size * sizeof(char16_t));
+        value.Data = reinterpret_cast<const std::byte*>(scratch.Wide.data());
+    } else if (IsTextType(slot.Type) || size > sizeof scratch.Number) {
+        scratch.Ansi.assign(reinterpret_cast<const char*>(value.Data), size);
+        value.Data = reinterpret_cast<const std::byte*>(scratch.Ansi.data());
+    } else {
+        if (slot.Type == dtCustomData) scratch.Intf = BufferToIntf(value.Data);
+        std::memcpy(scratch.Number, value.Data, size);
+        value.Data = scratch.Number;
+    }
+    return true;
 }
 
 bool TKdsRecord::GetDataP(const TKdsColumn* column, const void*& data, std::int32_t& size) {
@@ -145,7 +175,7 @@ void CopyNumber(std::byte* target, const void* data, std::int32_t size) noexcept
 // or edited: what could be wrong is asked at once, and told by the long way.
 void TKdsRecord::SetDataP(const TKdsColumn* column, const void* data, std::int32_t size) {
     const bool isOpen = (fRowState == rsDetached || fRowState == rsEditing) &&
-                        (fRowFlags & CompactBit) == 0 && fTable != nullptr;
+                        !HasBit(CompactBit | OutBit) && fTable != nullptr;
     if (isOpen && column != nullptr && column->Owner() == fTable->Columns() &&
         !column->ReadOnly() && data != nullptr) {
         const TKdsSlot& slot = fTable->Layout().Slot(column->Index());

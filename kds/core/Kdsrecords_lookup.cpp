@@ -7,6 +7,7 @@
 
 #include "kds/core/Kdserrors.h"
 #include "kds/core/Kdskeyvalues.h"
+#include "kds/core/Kdsswapper.h"
 #include "kds/core/Kdstables.h"
 #include "kds/util/Sortutils.h"
 #include "kds/views/Kdsviews.h"
@@ -202,6 +203,7 @@ bool TKdsRecord::FindMaster(const TKdsColumn* column, const TKdsValue& value,
 
 TKdsRecord* TKdsRecord::MasterRow(const TKdsColumn* column, TKdsReading reading, bool& hasKey) {
     hasKey = false;
+    const TKdsRowPin pin(this);  // rows of this very table may be read on the way
     if (column->IsVirtual()) {
         const TKdsColumn* const holder = column->KeyHolder();
         const TKdsSlot& place = fTable->Layout().Slot(holder->Index());
@@ -252,7 +254,7 @@ bool TKdsRecord::ReadLookup(const TKdsColumn* column, TKdsReading reading, TKdsS
     const std::byte* const key = buffer + path.Key.Offset;
     const TKdsRecord* const row = path.Masters->InDirectory(
         path.IsShort ? LoadRaw<std::uint16_t>(key) : LoadRaw<std::int32_t>(key));
-    if (row == nullptr || row->fRowState != rsRegular) {
+    if (row == nullptr || row->fRowState != rsRegular || row->IsOut()) {
         return FollowLookup(column, reading, scratch, value);
     }
     const std::byte* const values = row->fBuffer.Original;
@@ -287,7 +289,8 @@ void TKdsRecord::RepairKey(const TKdsColumn* column) {
     if (column->IsVirtual()) column = column->KeyHolder();
     const TKdsSlot& slot = fTable->Layout().Slot(column->Index());
     if (column->MasterTable() == nullptr || !column->CanResolve()) return;
-    if (fBuffer.Original == nullptr || !slot.HasValue(fBuffer.Original)) return;
+    // A row that is out is right as well, only slower: what is mended there would be read once.
+    if (IsOut() || fBuffer.Original == nullptr || !slot.HasValue(fBuffer.Original)) return;
     std::byte* const place = fBuffer.Original + slot.Offset;
     TKdsNormalLookup key = LoadKey(column, place);
     if (column->IsVirtual()) {
@@ -388,7 +391,24 @@ void TKdsRecord::Unresolve(const TKdsColumn* column) noexcept {
         if (buffer != nullptr && slot.HasValue(buffer)) SaveKey(column, {}, buffer + slot.Offset);
     };
     unresolve(fBuffer.Proposed);
-    if (fRowState != rsDetached) unresolve(fBuffer.Original);
+    if (fRowState == rsDetached) return;
+    try {
+        if (IsOut()) fTable->fSwapper->BringIn(this);
+        unresolve(fBuffer.Original);
+        if (IsSwapped() && !fTable->fSwapper->KeepUnsaved(this)) SetBit(StaleKeysBit, true);
+        if (fRowState == rsRegular) fTable->fSwapper->CommitUpdate(this);
+    } catch (...) {
+        // It cannot be read, and is without keys when it can be; or it stays in memory.
+        if (IsOut()) SetBit(StaleKeysBit, true);
+    }
+}
+
+void TKdsRecord::ForgetKeysIn(std::byte* buffer) const noexcept {
+    for (const TKdsColumn* const column : *fTable->Columns()) {
+        const TKdsSlot& slot = fTable->Layout().Slot(column->Index());
+        if (!column->IsVirtual() || column->ActualSize() == 0 || !slot.HasValue(buffer)) continue;
+        SaveKey(column, {}, buffer + slot.Offset);
+    }
 }
 
 void TKdsRecord::NullReferences(const TKdsColumn* source) {

@@ -4,6 +4,7 @@
 
 #include "kds/core/Kdserrors.h"
 #include "kds/core/Kdsstreams_format.h"
+#include "kds/core/Kdsswapper.h"
 #include "kds/core/Kdstables.h"
 #include "kds/util/Tagstream.h"
 
@@ -68,6 +69,7 @@ void TKdsTableWriter::WriteStructure() {
 }
 
 void TKdsTableWriter::WriteRecord(TKdsRecord* record) {
+    const TKdsRowPin pin(record);
     // What is calculated on reading is calculated now: the buffer and what follows it must agree.
     TKdsValue value;
     for (const std::int32_t column : fShape.LateReferences) {

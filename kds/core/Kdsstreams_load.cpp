@@ -3,6 +3,7 @@
 #include "kds/core/Kdsstreams.h"
 #include "kds/core/Kdserrors.h"
 #include "kds/core/Kdsstreams_format.h"
+#include "kds/core/Kdsswapper.h"
 #include "kds/core/Kdstables.h"
 #include "kds/platform/Text.h"
 #include "kds/util/Tagstream.h"
@@ -419,7 +420,9 @@ bool TKdsTableReader::FindByValue(TKdsRecord* record, const TKdsColumn* column,
 void TKdsTableReader::Point(TKdsRecord* record, const TKdsColumn* column,
                             const TKdsNormalLookup& key) {
     if (!fTable->Views()->Active()) {
+        if (record->IsOut()) fTable->fSwapper->BringIn(record);
         TKdsRecord::SetVirtualKeyIn(column, key, const_cast<std::byte*>(record->FindBuffer()));
+        if (record->RowState() == rsRegular) fTable->fSwapper->CommitUpdate(record);
         return;
     }
     record->Edit();

@@ -2,6 +2,7 @@
 
 #include "kds/core/Kdserrors.h"
 #include "kds/core/Kdsstores.h"
+#include "kds/core/Kdsswapper.h"
 #include "kds/views/Kdsaccept.h"
 #include "kds/views/Kdschangefeeds.h"
 #include "kds/views/Kdsevents.h"
@@ -25,6 +26,7 @@ TOwned<TKdsTable> TKdsTable::Create(std::u16string_view name) {
 
 void TKdsTable::Init() {
     fStrings = MakeOwned<TKdsStringManager>();
+    fSwapper = std::make_unique<TKdsSwapper>(this);
     fStorageFactory = MakeIntf<TKdsStorageFactory>();
     fColumns.reset(new TKdsTableColumnList(this));
     fRecords.reset(new TKdsTableRecordList(this));
@@ -57,6 +59,12 @@ void TKdsTable::Teardown() noexcept {
         } catch (...) {
         }
     }
+    if (fSwapper != nullptr && fRecords != nullptr) {
+        try {
+            fSwapper->Clear();
+        } catch (...) {
+        }
+    }
     // Observers and links may look at the lists while they hear of the end.
     TKdsTravelGuard guard;
     const auto end = [](auto& list) {
@@ -75,9 +83,12 @@ void TKdsTable::Teardown() noexcept {
     BuryDead();
     ReleaseDetached();
     ForgetScopes();
+    fSwapper.reset();
     fColumns.reset();
     GiveBack(std::exchange(fSpareBuffer, nullptr));
-    if (fSlab != nullptr) std::exchange(fSlab, nullptr)->Abandon();
+    for (TSlab** const slab : {&fSlab, &fBareSlab}) {
+        if (*slab != nullptr) std::exchange(*slab, nullptr)->Abandon();
+    }
     fDeacons.clear();
     fSextons.clear();
     fFilters.clear();
@@ -98,6 +109,7 @@ TKdsStringManager* TKdsTable::Strings() const noexcept {
 }
 
 void TKdsTable::EnterStore(TKdsStore* store) noexcept {
+    fSwapper->DropLoaded();  // its texts go back to where they came from
     fStore = store;
     ForgetVocabularies();
     fStrings->Clear();
@@ -127,8 +139,12 @@ void TKdsTable::SetOptions(TKdsTableOptions value) {
     fOptions = value;
 }
 
+std::int32_t TKdsTable::MaxRecordsInMemory() const noexcept {
+    return fSwapper->MaxRecordsInMemory();
+}
+
 void TKdsTable::SetMaxRecordsInMemory(std::int32_t value) {
-    if (value != 0) KdsNotAvailable(u"A limit of records in memory");
+    fSwapper->SetMaxRecordsInMemory(value);
 }
 
 // ---- Rows ---------------------------------------------------------------------------------
@@ -327,6 +343,7 @@ void TKdsTable::NotifySextons() {
 const char* TKdsTable::Inconsistency() const {
     if (!fColumns->IsConsistent()) return "columns, name index or layout";
     if (!fRecords->IsConsistent()) return "record list";
+    if (!fSwapper->IsConsistent()) return "rows that are out";
     if (fBusy != 0 || fBracket != 0 || fTravels != 0) return "an open change";
     if (fWatch.Known && !(fWatch == LookAtViews())) return "what the views look at";
     if (fStagedEvents != 0 || !fEvents.empty()) return "events left over";

@@ -40,6 +40,7 @@ class IKdsViewFactory;
 class TKdsAcceptRecordProc;
 class TKdsChangeDesk;
 class TKdsStore;
+class TKdsSwapper;
 class TKdsTableScope;
 class TKdsView;
 class TKdsViewList;
@@ -134,7 +135,9 @@ public:
     // Views made later use it.
     [[nodiscard]] const TIntf<IKdsStorageFactory>& StorageFactory() const noexcept;
     void SetStorageFactory(TIntf<IKdsStorageFactory> factory);
-    // Rows beyond which the oldest would leave memory: this version keeps all rows resident.
+    // Keeps the number of rows in memory bounded.
+    [[nodiscard]] TKdsSwapper* Swapper() const noexcept { return fSwapper.get(); }
+    [[nodiscard]] std::int32_t MaxRecordsInMemory() const noexcept;
     void SetMaxRecordsInMemory(std::int32_t value);
 
     // ---- Rows ----
@@ -279,8 +282,10 @@ public:
     // Whether the posted values of every row but this one lie behind its record: only while a row
     // is being posted its new values lie elsewhere.
     [[nodiscard]] bool RowsAtHome(const TKdsRecord* but) const noexcept {
-        return KeepsHome() && (fPosting == nullptr || fPosting == but);
+        return KeepsHome() && !fHomeless && (fPosting == nullptr || fPosting == but);
     }
+    // Whether values of some rows may lie in a file: then rows are read through the records alone.
+    [[nodiscard]] bool HasSwapped() const noexcept { return fSwaps; }
     // The primary view, brought up to date where that is possible now; nullptr when there is none
     // that can be asked.
     [[nodiscard]] TKdsView* UsablePrimaryView();
@@ -314,13 +319,16 @@ private:
     friend class TKdsLoad;
     friend class TKdsKeyChange;
     friend class TKdsKeyValues;
+    friend class TKdsRowPin;
+    friend class TKdsSwapper;
     friend class TKdsView;
     friend class TKdsViewList;
     friend class TKdsTableReader;
 
     [[noreturn]] void RaiseBusy() const;
     // ---- Buffers ----
-    [[nodiscard]] TSlab& Slab();
+    // Of records with a home buffer, or without.
+    [[nodiscard]] TSlab& Slab(bool home);
     [[nodiscard]] bool KeepsHome() const noexcept { return !fOptions.Has(mtoStripNulls); }
     // Of a full-size buffer: whole words, so that it can be compared by them.
     [[nodiscard]] std::size_t BufferRoom() const noexcept {
@@ -391,7 +399,7 @@ private:
     // Brings near where the row stands in the views that are followed, a step each call, for a
     // post that will ask for its position.
     void ApproachFollowed(const TKdsRecord* record, std::int32_t step) {
-        if (fWatch.Followed && fWatch.Known) ApproachInFollowed(record, step);
+        if (fWatch.Followed && fWatch.Known && !fSwaps) ApproachInFollowed(record, step);
     }
     void ApproachInFollowed(const TKdsRecord* record, std::int32_t step);
     void ReserveFollowed() {
@@ -448,6 +456,7 @@ private:
     TKdsTableStatus fStatus = mtsRegular;
     TKdsStore* fStore = nullptr;
     TOwned<TKdsStringManager> fStrings;
+    std::unique_ptr<TKdsSwapper> fSwapper;
     std::int32_t fVersion = 0;
     TOwned<TKdsViewList> fViews;
     std::int32_t fTag = 0;
@@ -470,6 +479,9 @@ private:
     std::uint64_t fFreshened = 0;            // the change of which readers with links have heard
 
     TSlab* fSlab = nullptr;
+    TSlab* fBareSlab = nullptr;
+    bool fHomeless = false;  // there may be rows without a home
+    bool fSwaps = false;     // there may be rows that are out
     std::byte* fSpareBuffer = nullptr;
     std::vector<TKdsRecord*> fDetached;
     std::vector<TKdsRecord*> fDead;  // deleted in the open bracket, whole until it closes

@@ -72,7 +72,7 @@ void TKdsTable::ReservePlaces(const TKdsRecord* record) {
 // by side instead, so that the waits overlap. Not from a routine of the host: a search that called
 // it may be standing on what this would renew.
 void TKdsTable::ApproachPlaces(const TKdsRecord* record, TKdsApproach way) {
-    if (fViews == nullptr || IsBusy()) return;
+    if (fViews == nullptr || IsBusy() || fSwaps) return;
     constexpr std::size_t most = 16;
     std::array<TKdsViewStorage*, most> storages;
     std::size_t count = 0;

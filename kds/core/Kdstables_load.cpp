@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "kds/core/Kdserrors.h"
+#include "kds/core/Kdsswapper.h"
 #include "kds/views/Kdschangefeeds.h"
 #include "kds/views/Kdsevents.h"
 #include "kds/views/Kdsviewlists.h"
@@ -13,12 +14,10 @@ namespace kds {
 
 // ---- Buffers ------------------------------------------------------------------------------
 
-TSlab& TKdsTable::Slab() {
-    if (fSlab == nullptr) {
-        const std::size_t home = KeepsHome() ? BufferRoom() : std::size_t{0};
-        fSlab = TSlab::Create(sizeof(TKdsRecord) + home);
-    }
-    return *fSlab;
+TSlab& TKdsTable::Slab(bool home) {
+    TSlab*& slab = home ? fSlab : fBareSlab;
+    if (slab == nullptr) slab = TSlab::Create(sizeof(TKdsRecord) + (home ? BufferRoom() : 0));
+    return *slab;
 }
 
 // Of full size and with anything in it.
@@ -45,7 +44,7 @@ void TKdsTable::GiveBack(std::byte* buffer) noexcept {
 void TKdsTable::FreeBuffer(TKdsRecord* record, std::byte* buffer) noexcept {
     if (buffer == nullptr) return;
     ReleaseReferences(buffer);
-    if (!KeepsHome() || buffer != record->Home()) GiveBack(buffer);
+    if (record->HasBit(TKdsRecord::HomelessBit) || buffer != record->Home()) GiveBack(buffer);
 }
 
 std::byte* TKdsTable::CopyBuffer(const std::byte* source) {
@@ -61,7 +60,7 @@ std::byte* TKdsTable::CopyBuffer(const std::byte* source) {
 // Shrinks the posted buffer to the bytes in use, in tables that strip nulls. Memory that cannot be
 // had leaves it full-size, which is correct too.
 void TKdsTable::CompactBuffer(TKdsRecord* record) noexcept {
-    if (KeepsHome() || record->fBuffer.Original == nullptr) return;
+    if (KeepsHome() || record->IsOut() || record->fBuffer.Original == nullptr) return;
     const auto size = static_cast<std::size_t>(Layout().CompactSize(record->fBuffer.Original));
     void* const compact = ::operator new(size, std::nothrow);
     if (compact == nullptr) return;
@@ -193,7 +192,9 @@ void TKdsTable::CheckRestructure() {
 
 void TKdsTable::LayoutChanged() noexcept {
     ViewsChanged();
-    if (fSlab != nullptr) std::exchange(fSlab, nullptr)->Abandon();
+    for (TSlab** const slab : {&fSlab, &fBareSlab}) {
+        if (*slab != nullptr) std::exchange(*slab, nullptr)->Abandon();
+    }
     ::operator delete(std::exchange(fSpareBuffer, nullptr));
 }
 
@@ -254,6 +255,9 @@ void TKdsTable::Clear() {
     errors.Run([&] { fRecords->Clear(); });
     errors.Run([&] {
         if (fRecords->Count() > 0) return;  // somebody keeps a row
+        // Not before, or such a row might lose its values with the file.
+        fSwaps = false;
+        errors.Run([&] { fSwapper->Clear(); });
         fStrings->Clear();
         fLastRowID = 0;
         fOrphanRows = 0;

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "kds/core/Kdserrors.h"
+#include "kds/core/Kdsswapper.h"
 #include "kds/expr/Exprerrors.h"
 #include "kds/platform/Text.h"
 
@@ -512,6 +513,7 @@ std::int32_t CompareByColumns(TKdsRecord* a, TKdsReading readA, TKdsRecord* b, T
     const TKdsCompareOptions given = options & TKdsCompareOptions{coNoCase, coPartial};
     TKdsScratch scratchA;
     TKdsScratch scratchB;
+    const TKdsRowPin pin(a);  // so that reading b does not make it read once more
     for (std::int32_t i = 0; i < count; ++i) {
         const TKdsColumn* const column = source->GetItem(i);
         TKdsValue x;

@@ -98,6 +98,7 @@ void TKdsViewStorageSkip::Switch(std::int32_t from, std::int32_t to) {
 void TKdsViewStorageSkip::PutIn(std::int32_t index, TKdsRecord* record) {
     TUnrolledSkipList& items = fRecords.fItems;
     items.Insert(index, record);
+    DropSamplesOfSwapped();
     if (fSamples.empty()) return;
     const TBucketPlace place = items.BucketAt(index);
     TKdsBucketSamples* const samples = SamplesOf(place.Bucket->Id);
@@ -110,6 +111,11 @@ void TKdsViewStorageSkip::PutIn(std::int32_t index, TKdsRecord* record) {
     }
 }
 
+// Once rows are out nobody follows the samples, and keeping them up would read rows.
+void TKdsViewStorageSkip::DropSamplesOfSwapped() noexcept {
+    if (!fSamples.empty() && fOwner->Table()->HasSwapped()) DropGuides();
+}
+
 std::uint64_t TKdsViewStorageSkip::PrefixOf(const TKdsRecord* record) const {
     return fOwner->GetSortMode() == omRowID ? record->RowID()
                                             : fOwner->Plan().Prefix(record->PostedBuffer());
@@ -117,6 +123,7 @@ std::uint64_t TKdsViewStorageSkip::PrefixOf(const TKdsRecord* record) const {
 
 TKdsRecord* TKdsViewStorageSkip::TakeOut(std::int32_t index) {
     TUnrolledSkipList& items = fRecords.fItems;
+    DropSamplesOfSwapped();
     if (!fSamples.empty()) {
         const TBucketPlace place = items.BucketAt(index);
         if (TKdsBucketSamples* const samples = SamplesOf(place.Bucket->Id)) {
@@ -198,6 +205,7 @@ std::int32_t TKdsViewStorageSkip::OffsetIn(const TSkipListBucket* bucket, std::i
 // By the samples of its bucket; -1 when the order has none.
 std::int32_t TKdsViewStorageSkip::LikelyOffset(const TSkipListBucket* bucket,
                                                const TKdsRecord* record) {
+    if (fOwner->Table()->HasSwapped()) return -1;
     const TKdsGuide guide = GuideTo(record, record->PlacedBuffer(), -1);
     if (!guide.Usable()) return -1;
     const TKdsWindow window = WindowIn(bucket, guide);

@@ -117,6 +117,7 @@ private:
     void PutIn(std::int32_t index, TKdsRecord* record);
     TKdsRecord* TakeOut(std::int32_t index);
     [[nodiscard]] std::uint64_t PrefixOf(const TKdsRecord* record) const;
+    void DropSamplesOfSwapped() noexcept;
     [[nodiscard]] std::int32_t OffsetIn(const TSkipListBucket* bucket, std::int32_t guess,
                                         const TKdsRecord* record);
     [[nodiscard]] std::int32_t LikelyOffset(const TSkipListBucket* bucket,

@@ -30,7 +30,7 @@ bool TKdsViewStorageSkip::CanSearchByOrder(TKdsLocateOptions locate,
     if (fOwner->GetSortMode() == omRowID) return true;
     if (fOwner->CompareColumns() != fOwner->Columns()) return false;
     const TKdsOrderPlan& plan = fOwner->Plan();
-    if (!plan.IsPlain()) return false;
+    if (!fOwner->ReadsBuffers()) return false;
     const bool whole = fOwner->CompareCount() < 0 || fOwner->CompareCount() >= plan.Count();
     const std::int32_t count = whole ? plan.Count() : fOwner->CompareCount();
     if (compare.Has(coNoCase) || (compare.Has(coPartial) && count != 1)) return false;
@@ -228,7 +228,7 @@ TKdsGuide TKdsViewStorageSkip::GuideTo(const TKdsRecord* key, const std::byte* v
         return guide;
     }
     const TKdsOrderPlan& plan = fOwner->Plan();
-    if (!plan.HasPrefix() || count == 0) return guide;
+    if (!plan.HasPrefix() || count == 0 || !fOwner->ReadsBuffers()) return guide;
     guide.Mask = plan.PrefixMask(count);
     guide.Key = plan.Prefix(values) & guide.Mask;
     guide.Plan = &plan;

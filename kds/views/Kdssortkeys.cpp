@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "kds/core/Kdsswapper.h"
+
 namespace kds {
 namespace {
 
@@ -39,8 +41,11 @@ bool TKdsSortKeys::CanCopy(const TKdsOrderColumnList& columns) {
 bool TKdsSortKeys::Read(const std::vector<void*>& records) {
     fBlocks.assign(records.size() * fStride, std::byte{0});
     std::byte* block = fBlocks.data();
-    for (void* const record : records) {
-        if (!Take(static_cast<TKdsRecord*>(record), block)) return false;
+    for (void* const item : records) {
+        auto* const record = static_cast<TKdsRecord*>(item);
+        const TKdsRowPin pin(
+            record);  // one read of a row that is out, whatever its columns lead to
+        if (!Take(record, block)) return false;
         block += fStride;
     }
     return true;

@@ -1,5 +1,5 @@
-// Copies of the keys of rows whose order is calculated or looked up on reading, so that a sort
-// reads each value once instead of with every comparison.
+// Copies of the keys of rows whose order is calculated, looked up or read from a file, so that a
+// sort reads each value once instead of with every comparison.
 //
 // Shape      A block for each row, laid out like a record of nothing but the order's columns; texts
 //            lie behind handles. A plan compares the blocks as it compares stored values.

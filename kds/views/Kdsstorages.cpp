@@ -172,7 +172,8 @@ bool SortByCopies(std::vector<void*>& records, const TKdsOrderColumnList& column
 }  // namespace
 
 void TKdsViewStorage::SortRecords(std::vector<void*>& records, TKdsCompareOptions compare) const {
-    const bool isVolatile = IsVolatile(*fOwner);
+    const bool swapped = fOwner->Table()->HasSwapped();
+    const bool isVolatile = swapped || IsVolatile(*fOwner);
     TSortSwitch guard(isVolatile);
     if (!isVolatile && fOwner->GetSortMode() == omOrder && fOwner->Columns()->Count() > 0 &&
         compare == TKdsCompareOptions{coUseRowID} && fOwner->Plan().IsPlain()) {
@@ -181,8 +182,8 @@ void TKdsViewStorage::SortRecords(std::vector<void*>& records, TKdsCompareOption
         });
         return;
     }
-    if (isVolatile && !fOwner->OnCompare() && compare == TKdsCompareOptions{coUseRowID} &&
-        SortByCopies(records, *fOwner->Columns())) {
+    if (isVolatile && !fOwner->OnCompare() && fOwner->GetSortMode() == omOrder &&
+        compare == TKdsCompareOptions{coUseRowID} && SortByCopies(records, *fOwner->Columns())) {
         return;
     }
     MergeSort(

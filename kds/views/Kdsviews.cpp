@@ -209,7 +209,7 @@ std::int32_t TKdsView::CompareItem(TKdsRecord* item, TKdsRecord* key, TKdsCompar
     }
     if (fSorting == omOrder) {
         const TKdsOrderPlan& plan = Plan();
-        const bool plain = plan.IsPlain() && fCompareColumnList == fColumns.get() &&
+        const bool plain = ReadsBuffers() && fCompareColumnList == fColumns.get() &&
                            !options.HasAny({coNoCase, coPartial});
         const std::int32_t count =
             fCompareColumnCount < 0 ? plan.Count() : std::min(fCompareColumnCount, plan.Count());
@@ -235,7 +235,7 @@ std::int32_t TKdsView::CompareMembers(TKdsRecord* a, TKdsRecord* b, TKdsCompareO
     if (fSorting == omOrder) {
         const TKdsOrderPlan& plan = Plan();
         const std::int32_t order =
-            plan.IsPlain()
+            ReadsBuffers()
                 ? plan.Compare(a->PostedBuffer(), b->PostedBuffer(), plan.Count(), options)
                 : OrderRecords(a, TKdsReading::Posted, b, TKdsReading::Posted, fColumns.get(), -1,
                                options);
@@ -245,6 +245,8 @@ std::int32_t TKdsView::CompareMembers(TKdsRecord* a, TKdsRecord* b, TKdsCompareO
 }
 
 const TKdsOrderPlan& TKdsView::Plan() const { return fColumns->Plan(fTable->Layout()); }
+
+bool TKdsView::ReadsBuffers() const { return Plan().IsPlain() && !fTable->HasSwapped(); }
 
 bool TKdsView::SameKey(const std::byte* a, const std::byte* b) const {
     return Plan().SameBytes(a, b);
@@ -324,8 +326,12 @@ bool TKdsView::HasEqual(TKdsRecord* record) {
 bool TKdsView::BelongsBehindLast(TKdsRecord* record) const {
     if (fLastRow == nullptr || record->Owner() != nullptr) return false;
     const TKdsOrderPlan* const plan = PlainPlan();
-    return plan != nullptr &&
-           plan->Compare(fLastRow->PostedBuffer(), record->KeyBuffer(), plan->Count(), {}) < 0;
+    if (plan == nullptr) return false;
+    if (fTable->HasSwapped()) {
+        return OrderRecords(fLastRow, TKdsReading::Posted, record, TKdsReading::Current,
+                            fColumns.get(), -1, {}) < 0;
+    }
+    return plan->Compare(fLastRow->PostedBuffer(), record->KeyBuffer(), plan->Count(), {}) < 0;
 }
 
 const TKdsOrderPlan* TKdsView::PlainPlan() const {

@@ -303,6 +303,8 @@ public:
     }
     [[nodiscard]] bool SameKey(const std::byte* a, const std::byte* b) const;
     [[nodiscard]] const TKdsOrderPlan& Plan() const;
+    // Whether rows are compared in their buffers, without the records.
+    [[nodiscard]] bool ReadsBuffers() const;
     [[nodiscard]] TKdsOrderColumnList* CompareColumns() const noexcept {
         return fCompareColumnList;
     }
@@ -451,7 +453,7 @@ private:
     std::int32_t fCheckedPlace = -1;
     // When the latest change was a row that came in behind all others: this row. The next one may
     // go there, too.
-    const TKdsRecord* fLastRow = nullptr;
+    TKdsRecord* fLastRow = nullptr;
     bool fDistinct = false;
     bool fAsleep = false;    // switched off by a change of its columns; its next use wakes it
     bool fEntering = false;  // being built on its way into the list

@@ -100,7 +100,9 @@ std::int32_t TKdsView::PlaceForNew(TKdsRecord* record) {
     const std::int32_t place = checked ? fCheckedPlace : fLastRow != nullptr ? count : -1;
     const TKdsOrderPlan* const plan = place < 0 || place > count ? nullptr : PlainPlan();
     if (plan == nullptr) return SearchPlace(record);
-    const auto stands = [plan](const TKdsRecord* a, const TKdsRecord* b) {
+    const bool swapped = fTable->HasSwapped();
+    const auto stands = [&](TKdsRecord* a, TKdsRecord* b) {
+        if (swapped) return CompareMembers(a, b, {coUseRowID}) < 0;
         const std::int32_t order =
             plan->Compare(a->PostedBuffer(), b->PostedBuffer(), plan->Count(), {});
         return order < 0 || (order == 0 && a->RowID() < b->RowID());

@@ -169,7 +169,7 @@ void TKdsView::CheckDistinct() {
     if (fOnCompare) {
         std::ranges::sort(rows, [&](TKdsRecord* a, TKdsRecord* b) { return byKey(a, b) < 0; });
     }
-    const bool plain = Plan().IsPlain();
+    const bool plain = ReadsBuffers();
     for (std::size_t i = 1; i < rows.size(); ++i) {
         const std::int32_t order =
             plain ? Plan().Compare(rows[i - 1]->PostedBuffer(), rows[i]->PostedBuffer(),

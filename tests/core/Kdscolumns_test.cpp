@@ -193,23 +193,6 @@ TEST_F(TKdsColumnTest, IsLateOnlyWhenItIsCalculatedAndStored) {
     EXPECT_TRUE(fColumns->Occurences().HasAll({coMemoString, coHasDefault}));
 }
 
-// What other versions of the library bring is refused by name, and nothing has changed.
-TEST_F(TKdsColumnTest, RefusesWhatIsMissing) {
-    TKdsColumn* const n = fColumns->Add(u"n", dtInteger);
-    const std::pair<std::string, std::function<void()>> missing[] = {
-        {"A limit of records in memory", [&] { fTable->SetMaxRecordsInMemory(10); }},
-    };
-    fRecorder.Lines.clear();
-    for (const auto& [name, call] : missing) {
-        EXPECT_EQ(Refusal(call), name + " is not available in this version");
-    }
-    n->SetExpression(u"");
-    n->SetLookupFilter(u"");
-    fTable->SetMaxRecordsInMemory(0);
-    EXPECT_EQ(fRecorder.Take(), TLines{});
-    EXPECT_EQ(fTable->Views()->Count(), 0);
-}
-
 TEST_F(TKdsColumnTest, FormatsNumbersAsItsPropertiesSay) {
     struct TCase {
         TKdsDataType Type;

@@ -5,13 +5,17 @@
 #include <optional>
 #include <random>
 
+#include "kds/core/Kdsswapper.h"
 #include "kds/util/Tagstream.h"
 #include "tests/core/Coretest.h"
 #include "tests/support/Allocfail.h"
+#include "tests/support/Failingfiles.h"
 #include "tests/support/Seed.h"
 
 namespace kds {
 namespace {
+
+using support::TFailingFiles;
 
 using TBytes = std::vector<std::byte>;
 
@@ -77,7 +81,8 @@ struct TIdentityCase {
 // ones for the same seed.
 class TAnyStore {
 public:
-    TAnyStore(std::u16string_view name, std::uint32_t seed, TKdsTableOptions options)
+    TAnyStore(std::u16string_view name, std::uint32_t seed, TKdsTableOptions options,
+              int inMemory = 0)
         : fRandom(seed), fStore(TKdsStore::Create(name)) {
         constexpr TKdsDataType keyTypes[] = {dtInteger, dtChar,       dtAnsiString,
                                              dtInt64,   dtWideString, dtMemoString};
@@ -89,6 +94,8 @@ public:
         for (int i = 0; i < 20; ++i) Master->Insert({i * 7 % 20});
         Table = fStore->Tables()->Add(u"Table");
         Table->SetOptions(options);
+        Table->SetMaxRecordsInMemory(inMemory);
+        Table->Swapper()->SetCachedRecordsBatch(3);
         AddColumn(u"Id", dtInteger);
         for (std::uint32_t i = Draw(40); i > 0; --i) AddAny();
         for (int i = 0; i < 3; ++i) AddKey(u"Key" + ToUtf16(std::to_string(i)), keyType);
@@ -238,6 +245,40 @@ TEST_P(TKdsStreamIdentityTest, LoadsWhatWasSaved) {
             }
         }
     }
+}
+
+// Rows that are out say what rows in memory say: while they are written, edited, saved, looked into
+// and cut off from what they looked into.
+TEST_P(TKdsStreamIdentityTest, RowsThatAreOutAreLikeOthers) {
+    std::int64_t reads = 0;
+    for (std::uint32_t round = 0; round < support::Steps(60); ++round) {
+        const std::uint32_t seed = support::Seed() + round;
+        SCOPED_TRACE(testing::Message() << "repeat with KDS_TEST_SEED=" << seed);
+        TAnyStore in(u"In", seed, GetParam().Options), out(u"Out", seed, GetParam().Options, 2);
+        for (TAnyStore* const store : {&in, &out}) store->Fill(20);
+        ASSERT_TRUE(Saved(out.Table) == Saved(in.Table));
+        for (int step = 0; step < 3; ++step) {
+            for (TKdsTable* const table : {in.Table, out.Table}) {
+                if (step == 1) table->Records()->Delete(0);
+                if (step == 1) table->Records()->Items(1)->Edit();
+                if (step == 1) table->Insert({30});
+            }
+            for (TAnyStore* const store : {&in, &out}) {
+                if (step == 2) store->Master->Clear();
+            }
+            for (std::int32_t i = 0; i < in.Table->Records()->Count(); ++i) {
+                for (std::int32_t c = 0; c < in.Table->Columns()->Count(); ++c) {
+                    ASSERT_EQ(
+                        ValueOf(out.Table->Records()->Items(i), out.Table->Columns()->Items(c)),
+                        ValueOf(in.Table->Records()->Items(i), in.Table->Columns()->Items(c)))
+                        << step << ' ' << i << ' ' << c;
+                }
+            }
+            ASSERT_STREQ(out.Table->Inconsistency(), nullptr);
+        }
+        reads += out.Table->Swapper()->Reads();
+    }
+    EXPECT_GT(reads, 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -586,52 +627,6 @@ TEST_F(TKdsStreamLoadTest, FindsMasterRowsByPlaceAndByValue) {
 }
 
 // ---- Files ----------------------------------------------------------------------------------
-
-// The system's files, of which one call fails.
-class TFailingFiles final : public IFileSystem {
-public:
-    explicit TFailingFiles(int nth) : fNth(nth), fSystem(FileSystem()) { SetFileSystem(this); }
-    ~TFailingFiles() override { SetFileSystem(nullptr); }
-    [[nodiscard]] bool Happened() const { return fCalls >= fNth; }
-    std::u16string TemporaryFolder() override { return Do().TemporaryFolder(); }
-    std::u16string UniqueName(std::u16string_view folder, std::u16string_view prefix) override {
-        return Do().UniqueName(folder, prefix);
-    }
-    std::unique_ptr<IFile> CreateExclusive(std::u16string_view name) override {
-        return std::make_unique<TFile>(this, Do().CreateExclusive(name));
-    }
-    std::unique_ptr<IFile> OpenRead(std::u16string_view name) override {
-        return std::make_unique<TFile>(this, Do().OpenRead(name));
-    }
-    void Remove(std::u16string_view name) override { Do().Remove(name); }
-    void Rename(std::u16string_view from, std::u16string_view to) override {
-        Do().Rename(from, to);
-    }
-
-private:
-    struct TFile final : IFile {
-        TFile(TFailingFiles* files, std::unique_ptr<IFile> file)
-            : Files(files), File(std::move(file)) {}
-        IFile& Do() { return static_cast<void>(Files->Do()), *File; }
-        std::int64_t Size() override { return Do().Size(); }
-        std::size_t ReadAt(std::int64_t offset, std::span<std::byte> target) override {
-            return Do().ReadAt(offset, target);
-        }
-        void WriteAt(std::int64_t offset, std::span<const std::byte> source) override {
-            Do().WriteAt(offset, source);
-        }
-        void Truncate(std::int64_t size) override { Do().Truncate(size); }
-        void Sync() override { Do().Sync(); }
-        TFailingFiles* Files;
-        std::unique_ptr<IFile> File;
-    };
-    IFileSystem& Do() {
-        if (++fCalls == fNth) throw EStreamError(u"Disk full");
-        return fSystem;
-    }
-    int fNth, fCalls = 0;
-    IFileSystem& fSystem;
-};
 
 class TKdsStreamFileTest : public TKdsStreamLoadTest {
 protected:

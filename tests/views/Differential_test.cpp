@@ -11,9 +11,9 @@ constexpr TKdsTableOptions Options[] = {{}, {mtoStripNulls}, {mtoStaticData}};
 
 class TFour {
 public:
-    TFour(std::uint32_t seed, TKdsTableOptions options, int size) {
+    TFour(std::uint32_t seed, TKdsTableOptions options, int size, int inMemory = 0) {
         for (const TKdsStorageKind kind : {skSkip, skTree, skList, skLite}) {
-            fModels.push_back(std::make_unique<TModel>(seed, options, size, kind, true));
+            fModels.push_back(std::make_unique<TModel>(seed, options, size, kind, true, inMemory));
         }
     }
     void Fill() {
@@ -50,7 +50,8 @@ TEST(TStorageDifferenceTest, FourStoragesAnswerAlikeAfterEveryStep) {
     const std::int64_t rounds = std::max<std::int64_t>(std::size(Options), steps / aRound);
     for (std::int64_t round = 0; round < rounds; ++round) {
         const auto at = static_cast<std::size_t>(round);
-        TFour four(seed + static_cast<std::uint32_t>(round), Options[at % std::size(Options)], 40);
+        TFour four(seed + static_cast<std::uint32_t>(round), Options[at % std::size(Options)], 40,
+                   round % 2 == 0 ? 0 : 7);
         for (std::int64_t step = 0; step < steps / rounds; ++step) {
             ASSERT_NO_FATAL_FAILURE(four.Step(step % 64 == 0))
                 << "round " << round << " step " << step;

@@ -64,12 +64,14 @@ void TModelLink::HandleEvent(TKdsEvent* event) {
 }
 
 TModel::TModel(std::uint32_t seed, TKdsTableOptions options, int size, TKdsStorageKind storage,
-               bool listens)
+               bool listens, int inMemory)
     : fRandom(seed), fSize(size), fListens(listens) {
     static int count = 0;
     fStore = TKdsStore::Create(Format(u"Model%d", {++count}));
     fTable = fStore->Tables()->Add(u"T");
     fTable->SetOptions(options);
+    fTable->SetMaxRecordsInMemory(inMemory);
+    fTable->Swapper()->SetCachedRecordsBatch(5);
     fTable->SetStorageFactory(StorageFactory(storage));
     fTable->Columns()->Add(u"Id", dtInt64);
     fTable->Columns()->Add(u"Name", seed % 2 == 0 ? dtAnsiString : dtMemoString, 8);

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "kds/core/Kdsswapper.h"
 #include "kds/kds.h"
 
 namespace kds {
@@ -57,9 +58,10 @@ struct TModelView {
 
 class TModel {
 public:
-    // About `size` rows; identifiers are drawn from three times as many.
+    // About `size` rows; identifiers are drawn from three times as many. `inMemory`: so many rows
+    // stay in memory when others come in; 0: all.
     TModel(std::uint32_t seed, TKdsTableOptions options, int size, TKdsStorageKind storage,
-           bool listens = false);
+           bool listens = false, int inMemory = 0);
     ~TModel();
     TModel(const TModel&) = delete;
     TModel& operator=(const TModel&) = delete;
@@ -77,6 +79,7 @@ public:
     // equal for equal scripts.
     [[nodiscard]] TModelNotes Digest(bool thorough);
     [[nodiscard]] const char* Inconsistency() const { return fTable->Inconsistency(); }
+    [[nodiscard]] std::int64_t Reads() const { return fTable->Swapper()->Reads(); }
     [[nodiscard]] bool HasStaleViews() const {
         return std::ranges::any_of(fViews, &TModelView::IsStale);
     }

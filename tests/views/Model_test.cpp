@@ -11,6 +11,7 @@ struct TModelCase {
     const char* Name;
     TKdsStorageKind Storage;
     TKdsTableOptions Options;
+    int InMemory = 0;
 };
 
 class TViewModelTest : public testing::TestWithParam<TModelCase> {};
@@ -19,11 +20,13 @@ TEST_P(TViewModelTest, EveryViewEqualsOneBuiltAfresh) {
     const std::uint32_t seed = support::Seed();
     SCOPED_TRACE(testing::Message() << "repeat with KDS_TEST_SEED=" << seed);
     for (std::uint32_t round = 0; round < 2; ++round) {
-        TModel model(seed + round, GetParam().Options, 120, GetParam().Storage);
+        TModel model(seed + round, GetParam().Options, 120, GetParam().Storage, false,
+                     GetParam().InMemory);
         for (std::int64_t step = 0; step < support::Steps(600); ++step) {
             ASSERT_NO_FATAL_FAILURE(model.Step()) << "step " << step;
             ASSERT_NO_FATAL_FAILURE(model.Check(step % 64 == 0)) << "step " << step;
         }
+        EXPECT_EQ(model.Reads() > 0, GetParam().InMemory > 0);
     }
 }
 
@@ -31,7 +34,7 @@ TEST_P(TViewModelTest, EveryViewEqualsOneBuiltAfresh) {
 TEST_P(TViewModelTest, LargeViewsAreSearchedAsProbeByProbe) {
     const std::uint32_t seed = support::Seed();
     SCOPED_TRACE(testing::Message() << "repeat with KDS_TEST_SEED=" << seed);
-    TModel model(seed, GetParam().Options, 6'000, GetParam().Storage);
+    TModel model(seed, GetParam().Options, 6'000, GetParam().Storage, false, GetParam().InMemory);
     model.Fill();
     for (std::int64_t step = 0; step < support::Steps(400); ++step) {
         ASSERT_NO_FATAL_FAILURE(model.Step()) << "step " << step;
@@ -47,7 +50,18 @@ constexpr TModelCase Cases[] = {
     {"Lite", skLite, {}}, {"LiteOfStrippedRows", skLite, {mtoStripNulls}},
 };
 
+// Most rows are in the file, so that all that compares them reads it.
+constexpr TModelCase Swapped[] = {
+    {"Skip", skSkip, {}, 8},
+    {"Tree", skTree, {mtoStripNulls}, 8},
+    {"List", skList, {}, 1},
+    {"Lite", skLite, {mtoStripNulls}, 8},
+};
+
 INSTANTIATE_TEST_SUITE_P(Storages, TViewModelTest, testing::ValuesIn(Cases),
+                         [](const auto& tested) { return std::string(tested.param.Name); });
+
+INSTANTIATE_TEST_SUITE_P(Swapped, TViewModelTest, testing::ValuesIn(Swapped),
                          [](const auto& tested) { return std::string(tested.param.Name); });
 
 }  // namespace
