@@ -7,18 +7,6 @@
 
 namespace kds {
 
-namespace {
-
-// One behind the table's version: not calculated yet.
-void MarkLate(const TKdsTable& table, std::byte* buffer) noexcept {
-    for (const std::int32_t column : table.Layout().DelayedColumns()) {
-        StoreRaw(buffer + table.Layout().Slot(column).StampOffset,
-                 static_cast<std::uint32_t>(table.Version()) - 1);
-    }
-}
-
-}  // namespace
-
 TKdsRecord::TKdsRecord(TKdsTable* table) noexcept : TKdsItem(nullptr), fTable(table) {}
 
 TOwned<TKdsRecord> TKdsRecord::Create(TKdsTable* table, bool defaults) {
@@ -29,14 +17,13 @@ TOwned<TKdsRecord> TKdsRecord::Create(TKdsTable* table, bool defaults) {
     record->SetBit(HomelessBit, !home);
     table->Track(record.get());
     ++table->fOrphanRows;
-    record->fBuffer.Proposed = home ? record->Home() : nullptr;
-    if (record->fBuffer.Proposed != nullptr) {
-        std::memset(record->fBuffer.Proposed, 0,
-                    static_cast<std::size_t>(table->Layout().RecordSize()));
+    if (home) {
+        record->fBuffer.Proposed = record->Home();
+        std::memset(record->Home(), 0, static_cast<std::size_t>(table->Layout().RecordSize()));
     } else {
         record->fBuffer.Proposed = table->InitBuffer();
     }
-    MarkLate(*table, record->fBuffer.Proposed);
+    table->MarkLate(record->fBuffer.Proposed);
     if (defaults) record->AssignDefaults();
     return record;
 }
@@ -102,10 +89,9 @@ void TKdsRecord::MakeWritable(const TKdsSlot& slot) {
 }
 
 void TKdsRecord::ExpandBuffer() {
-    if (IsOut()) fTable->fSwapper->BringIn(this);
-    if (!HasBit(CompactBit)) return;
+    assert(HasBit(CompactBit) && !IsOut());
     fTable->ExpandBuffer(EffectiveState() == rsRegular ? fBuffer.Original : fBuffer.Proposed);
-    fRowFlags = static_cast<std::uint8_t>(fRowFlags & ~CompactBit);
+    SetBit(CompactBit, false);
 }
 
 void TKdsRecord::CheckConstraints(TKdsRecordState state) {
@@ -176,7 +162,7 @@ void TKdsRecord::Edit() {
         fTable->fSwapper->CancelUpdate(this);
         throw;
     }
-    MarkLate(*fTable, fBuffer.Proposed);
+    fTable->MarkLate(fBuffer.Proposed);
     Become(rsEditing);
     fTable->ApproachFollowed(this, 1);
 }

@@ -148,11 +148,7 @@ void TKdsRecord::RefreshDelayed(const TKdsColumn* column, const TKdsSlot& slot) 
 bool TKdsRecord::CalculateColumns(bool keepGoing) {
     const std::vector<TKdsColumn*>& columns = fTable->Columns()->CalculationOrder();
     // What the others read of these must not be of the values before.
-    for (const std::int32_t delayed : fTable->Layout().DelayedColumns()) {
-        std::byte* const buffer = const_cast<std::byte*>(FindBuffer());
-        StoreRaw(buffer + fTable->Layout().Slot(delayed).StampOffset,
-                 static_cast<std::uint32_t>(fTable->fVersion) - 1);
-    }
+    fTable->MarkLate(const_cast<std::byte*>(FindBuffer()));
     TFirstError errors;
     TKdsScratch scratch;
     bool succeeded = true;

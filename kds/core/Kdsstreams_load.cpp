@@ -271,10 +271,7 @@ void TKdsTableReader::TakeBuffer(std::byte* buffer, std::span<const std::byte> b
         std::byte* const place = buffer + word * 4;
         StoreRaw(place, LoadRaw<std::uint32_t>(place) & fStoredBits[word]);
     }
-    for (const std::int32_t column : layout.DelayedColumns()) {
-        StoreRaw(buffer + layout.Slot(column).StampOffset,
-                 static_cast<std::uint32_t>(fTable->fVersion) - 1);  // not calculated yet
-    }
+    fTable->MarkLate(buffer);
     if (bytes.size() < static_cast<std::size_t>(layout.RecordSize()) &&
         static_cast<std::size_t>(layout.CompactSize(buffer)) > bytes.size()) {
         throw EStreamError(u"A record that ends before its last value");

@@ -340,6 +340,8 @@ private:
     void FreeBuffer(TKdsRecord* record, std::byte* buffer) noexcept;
     void GiveBack(std::byte* buffer) noexcept;
     [[nodiscard]] std::byte* CopyBuffer(const std::byte* source);
+    // The delayed columns of this buffer are calculated by the next read.
+    void MarkLate(std::byte* buffer) const noexcept;
     void CompactBuffer(TKdsRecord* record) noexcept;
     void ExpandBuffer(std::byte*& buffer);
     void RetainReferences(const std::byte* buffer) noexcept;

@@ -138,6 +138,13 @@ void TKdsTable::Track(TKdsRecord* record) {
     fDetached.push_back(record);
 }
 
+void TKdsTable::MarkLate(std::byte* buffer) const noexcept {
+    for (const std::int32_t column : Layout().DelayedColumns()) {
+        StoreRaw(buffer + Layout().Slot(column).StampOffset,
+                 static_cast<std::uint32_t>(fVersion) - 1);
+    }
+}
+
 TOwned<TKdsRecord> TKdsTable::TakeLocator() {
     TOwned<TKdsRecord> locator = std::move(fLocator);
     if (locator == nullptr) {
