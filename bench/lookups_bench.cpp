@@ -5,7 +5,7 @@
 //            caption beside a text of the row's own.
 // Resolve    Writing the key of a detached row beside finding the master by its primary key.
 // Follow     A view of the details ordered by the caption: one post of a master and one of a
-//            detail, and a look at the view after each; beside building the view anew each time.
+//            detail, and a look at the view after each; beside building the view anew after each.
 #include <memory>
 #include <random>
 
@@ -121,6 +121,7 @@ void Follow(benchmark::State& state) {
         TKdsEdit edit(row);
         row->Set<std::int32_t>(side.Key, side.Draw(Masters));
         edit.Post();
+        if (!IsLive) view->Refresh();
         benchmark::DoNotOptimize(view->Items(0));
     }
     view->Free();

@@ -50,7 +50,7 @@ void TKdsLayout::Add(TKdsDataType type, TKdsSlotKind kind, std::int32_t size, bo
 
 void TKdsLayout::Finish() {
     fRecordSize = static_cast<std::int32_t>(fNextOffset);
-    ++fVersion;
+    if (++fVersion == 0) ++fVersion;
 }
 
 void TKdsLayout::SetNotNull(std::int32_t column, bool value) {

@@ -50,6 +50,10 @@ struct TKdsSlot {
         return Kind == skPlain && StampOffset < 0 && (Size == 4 || Size == 8) &&
                !IsTextType(Type) && Type != dtDouble;
     }
+    [[nodiscard]] bool IsSameNumber(const void* a, const void* b) const noexcept {
+        return Size == 4 ? LoadRaw<std::uint32_t>(a) == LoadRaw<std::uint32_t>(b)
+                         : LoadRaw<std::uint64_t>(a) == LoadRaw<std::uint64_t>(b);
+    }
     [[nodiscard]] bool HasValue(const std::byte* buffer) const noexcept {
         return (LoadRaw<std::uint32_t>(buffer + NullOffset) & NullMask) != 0;
     }
@@ -86,6 +90,7 @@ public:
     [[nodiscard]] std::int32_t NullOffset() const noexcept { return 0; }
     [[nodiscard]] std::int32_t NullBytes() const noexcept { return fNullBytes; }
     [[nodiscard]] std::int32_t RecordSize() const noexcept { return fRecordSize; }
+    // Never 0.
     [[nodiscard]] std::uint32_t Version() const noexcept { return fVersion; }
     // A read may calculate a key and write the keys that follow it, for which a compact buffer may
     // have to grow.
@@ -116,7 +121,7 @@ private:
     std::int32_t fNullBytes = 0;
     std::int32_t fRecordSize = 0;
     std::int64_t fNextOffset = 0;
-    std::uint32_t fVersion = 0;
+    std::uint32_t fVersion = 1;
     bool fMovesOnRead = false;
 };
 

@@ -33,10 +33,10 @@ using enum TKdsLookupKind;
 // How most reads of a reference column go: the key column is a stored number, as is the master's,
 // and what is shown is stored. Found once for the layouts of both tables.
 struct TKdsLookupPath {
-    const TKdsTableRecordList* Masters = nullptr;  // nullptr: not found, or they go another way
-    const TKdsLayout* MasterLayout = nullptr;
-    std::uint32_t Version = 0;  // of the layouts
+    std::uint32_t Version = 0;  // of the layouts; 0: not found, or they go another way
     std::uint32_t MasterVersion = 0;
+    const TKdsLayout* MasterLayout = nullptr;
+    const TKdsTableRecordList* Masters = nullptr;
     bool IsShort = false;
     TKdsSlot Source;  // the key column
     TKdsSlot Key;     // the reference column
@@ -44,8 +44,7 @@ struct TKdsLookupPath {
     TKdsSlot Shown;
 
     [[nodiscard]] bool IsFor(const TKdsLayout& layout) const noexcept {
-        return Masters != nullptr && Version == layout.Version() &&
-               MasterVersion == MasterLayout->Version();
+        return Version == layout.Version() && MasterVersion == MasterLayout->Version();
     }
 };
 

@@ -177,6 +177,12 @@ public:
         const bool posted = reading == TKdsReading::Posted && EffectiveState() == rsEditing;
         return posted ? fBuffer.Original : FindBuffer();
     }
+    // Whether this number was posted; `slot`: of a column with such numbers.
+    [[nodiscard]] bool HasNumber(const TKdsSlot& slot, const void* data) const {
+        const std::byte* const buffer = BufferFor(TKdsReading::Posted);
+        return buffer != nullptr && slot.HasValue(buffer) &&
+               slot.IsSameNumber(buffer + slot.Offset, data);
+    }
 
     // ---- Values ----
     // Whether the column has a value; a text's size is in characters.
@@ -331,6 +337,7 @@ private:
     [[nodiscard]] TKdsColumn* ColumnAt(std::int32_t index) const;
     [[nodiscard]] TKdsColumn* ColumnBy(std::u16string_view name) const;
     void CheckColumn(const TKdsColumn* column) const;
+    [[noreturn, gnu::noinline]] void RaiseColumn() const;
     // Resident, never nullptr, and with room for this column.
     [[nodiscard]] std::byte* WritableBuffer(const TKdsSlot& slot) {
         if (HasBit(CompactBit | OutBit)) MakeWritable(slot);
@@ -363,7 +370,7 @@ private:
     bool ReadComputed(const TKdsColumn* column, TKdsScratch& scratch, TKdsValue& value);
     bool ReadOut(const TKdsColumn* column, const TKdsSlot& slot, TKdsScratch& scratch,
                  TKdsValue& value);
-    static bool ReadSlot(const TKdsSlot& slot, const std::byte* buffer, TKdsValue& value) noexcept;
+    static void ReadSlot(const TKdsSlot& slot, const std::byte* buffer, TKdsValue& value) noexcept;
     // Apart, so that the usual write saves no registers for it.
     [[gnu::noinline]] void SetChecked(const TKdsColumn* column, const void* data,
                                       std::int32_t size);
@@ -373,9 +380,16 @@ private:
     void StoreText(const TKdsColumn* column, const TKdsSlot& slot, const void* data,
                    std::int32_t size);
     // ---- Lookups ----
+    [[nodiscard]] bool FindMasterValues(const TKdsLookupPath& path, const std::byte* buffer,
+                                        const std::byte*& values) const;
     bool ReadLookup(const TKdsColumn* column, TKdsReading reading, TKdsScratch& scratch,
                     TKdsValue& value);
-    // Apart, so that the usual read saves no registers for it.
+    // Apart, so that the usual reads save no registers for the others.
+    [[gnu::noinline]] bool GetOwnP(const TKdsColumn* column, const void*& data, std::int32_t& size);
+    [[gnu::noinline]] bool GetLookupP(const TKdsColumn* column, const void*& data,
+                                      std::int32_t& size);
+    [[gnu::noinline]] bool FollowLookupP(const TKdsColumn* column, const void*& data,
+                                         std::int32_t& size);
     [[gnu::noinline]] bool FollowLookup(const TKdsColumn* column, TKdsReading reading,
                                         TKdsScratch& scratch, TKdsValue& value);
     void StoreKey(const TKdsColumn* column, const void* data, std::int32_t size);

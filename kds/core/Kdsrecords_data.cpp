@@ -14,10 +14,14 @@
 
 namespace kds {
 void TKdsRecord::CheckColumn(const TKdsColumn* column) const {
-    if (fTable == nullptr) KdsError(u"RecordStateInvalid");
-    if (column == nullptr || column->Owner() != fTable->Columns()) {
-        throw EInvalidArgument(u"The column does not belong to the record's table");
+    if (fTable == nullptr || column == nullptr || column->Owner() != fTable->Columns()) {
+        RaiseColumn();
     }
+}
+
+void TKdsRecord::RaiseColumn() const {
+    if (fTable == nullptr) KdsError(u"RecordStateInvalid");
+    throw EInvalidArgument(u"The column does not belong to the record's table");
 }
 
 TKdsColumn* TKdsRecord::ColumnAt(std::int32_t index) const {
@@ -38,36 +42,68 @@ void TKdsRecord::RaiseNotRaw() { throw EVariantError(u"The column's values have 
 
 // ---- Reading ------------------------------------------------------------------------------
 
+namespace {
+
 // The slot holds a value. Memo texts and custom data are answered through their reference.
-bool TKdsRecord::ReadSlot(const TKdsSlot& slot, const std::byte* buffer,
-                          TKdsValue& value) noexcept {
+[[gnu::always_inline]] inline TKdsValue StoredValue(const TKdsSlot& slot,
+                                                    const std::byte* buffer) noexcept {
     const std::byte* const data = buffer + slot.Offset;
-    value.Type = slot.Type;
     switch (slot.Type) {
         case dtChar: {
             const void* const end = std::memchr(data, 0, static_cast<std::size_t>(slot.Size));
-            value.Data = data;
-            value.Size = end == nullptr
-                             ? slot.Size
-                             : static_cast<std::int32_t>(static_cast<const std::byte*>(end) - data);
-            return true;
+            const auto size =
+                end == nullptr
+                    ? slot.Size
+                    : static_cast<std::int32_t>(static_cast<const std::byte*>(end) - data);
+            return {data, size, slot.Type};
         }
         case dtAnsiString:
-        case dtWideString:
-            value.Data = data + 2;
-            value.Size = LoadRaw<std::uint16_t>(data);
-            return true;
+        case dtWideString: return {data + 2, LoadRaw<std::uint16_t>(data), slot.Type};
         case dtMemoString: {
             const std::string_view text = TAnsiString::View(LoadRaw<void*>(data));
-            value.Data = reinterpret_cast<const std::byte*>(text.data());
-            value.Size = static_cast<std::int32_t>(text.size());
-            return true;
+            return {reinterpret_cast<const std::byte*>(text.data()),
+                    static_cast<std::int32_t>(text.size()), slot.Type};
         }
-        default:
-            value.Data = data;
-            value.Size = slot.Size;
-            return true;
+        default: return {data, slot.Size, slot.Type};
     }
+}
+
+}  // namespace
+
+void TKdsRecord::ReadSlot(const TKdsSlot& slot, const std::byte* buffer,
+                          TKdsValue& value) noexcept {
+    value = StoredValue(slot, buffer);
+}
+
+// The way of most reads of another table's value, which calls nothing: from the row's buffer to the
+// row at the place of the key, if it has the value and is not being changed.
+[[gnu::always_inline]] inline bool TKdsRecord::FindMasterValues(const TKdsLookupPath& path,
+                                                                const std::byte* buffer,
+                                                                const std::byte*& values) const {
+    if (!path.IsFor(fTable->Layout()) || !path.Source.HasValue(buffer) ||
+        !path.Key.HasValue(buffer)) {
+        return false;
+    }
+    const std::byte* const key = buffer + path.Key.Offset;
+    const TKdsRecord* const row = path.Masters->InDirectory(
+        path.IsShort ? LoadRaw<std::uint16_t>(key) : LoadRaw<std::int32_t>(key));
+    if (row == nullptr || row->fRowState != rsRegular || row->IsOut()) return false;
+    values = row->fBuffer.Original;
+    return path.Field.HasValue(values) &&
+           path.Field.IsSameNumber(values + path.Field.Offset, buffer + path.Source.Offset);
+}
+
+bool TKdsRecord::ReadLookup(const TKdsColumn* column, TKdsReading reading, TKdsScratch& scratch,
+                            TKdsValue& value) {
+    const TKdsSlot& shown = column->fPath.Shown;
+    const std::byte* const buffer = fTable->fKeyValues == nullptr ? BufferFor(reading) : nullptr;
+    const std::byte* values = nullptr;
+    if (buffer == nullptr || !FindMasterValues(column->fPath, buffer, values)) {
+        return FollowLookup(column, reading, scratch, value);
+    }
+    if (!shown.HasValue(values)) return false;
+    value = StoredValue(shown, values);
+    return true;
 }
 
 bool TKdsRecord::ReadValue(const TKdsColumn* column, TKdsReading reading, TKdsScratch& scratch,
@@ -86,7 +122,8 @@ bool TKdsRecord::ReadValue(const TKdsColumn* column, TKdsReading reading, TKdsSc
     if (IsOut()) return ReadOut(column, slot, scratch, value);
     const std::byte* const buffer = BufferFor(reading);
     if (buffer == nullptr || !slot.HasValue(buffer)) return false;
-    return ReadSlot(slot, buffer, value);
+    value = StoredValue(slot, buffer);
+    return true;
 }
 
 // Of a row that is out. Copied, because reading another such row takes the buffer away.
@@ -99,7 +136,7 @@ bool TKdsRecord::ReadOut(const TKdsColumn* column, const TKdsSlot& slot, TKdsScr
     }
     const std::byte* const buffer = FindBuffer();
     if (buffer == nullptr || !slot.HasValue(buffer)) return false;
-    ReadSlot(slot, buffer, value);
+    value = StoredValue(slot, buffer);
     const auto size = static_cast<std::size_t>(value.Size);
     if (slot.Type == dtWideString) {
         scratch.Wide.resize(size);
@@ -120,15 +157,40 @@ bool TKdsRecord::GetDataP(const TKdsColumn* column, const void*& data, std::int3
     // Two lines of the cache are asked for at once, where one would tell of the other.
     if (column != nullptr) kds::Prefetch(HomeBuffer() + column->DataOffset());
     CheckColumn(column);
+    return column->GetIsReference() ? GetLookupP(column, data, size) : GetOwnP(column, data, size);
+}
+
+bool TKdsRecord::GetOwnP(const TKdsColumn* column, const void*& data, std::int32_t& size) {
     TKdsValue value;
-    if (column->GetIsReference() && column->TargetField() == nullptr) {
+    const bool found = ReadValue(column, TKdsReading::Current, fTable->fScratch, value);
+    data = value.Data;
+    size = value.Size;
+    return found;
+}
+
+bool TKdsRecord::GetLookupP(const TKdsColumn* column, const void*& data, std::int32_t& size) {
+    const TKdsSlot& shown = column->fPath.Shown;
+    const std::byte* values = nullptr;
+    if (fRowState != rsRegular || IsOut() || column->TargetField() == nullptr ||
+        !FindMasterValues(column->fPath, fBuffer.Original, values) || !shown.HasValue(values)) {
+        return FollowLookupP(column, data, size);
+    }
+    const TKdsValue value = StoredValue(shown, values);
+    data = value.Data;
+    size = value.Size;
+    return true;
+}
+
+bool TKdsRecord::FollowLookupP(const TKdsColumn* column, const void*& data, std::int32_t& size) {
+    if (column->TargetField() == nullptr) {
         // The row itself, which a pointer of 8 bytes leads to.
         bool hasKey = false;
         data = MasterRow(column, TKdsReading::Current, hasKey);
         size = data != nullptr ? 8 : hasKey ? -1 : 0;
         return data != nullptr;
     }
-    const bool found = ReadValue(column, TKdsReading::Current, fTable->fScratch, value);
+    TKdsValue value;
+    const bool found = ReadLookup(column, TKdsReading::Current, fTable->fScratch, value);
     data = value.Data;
     size = value.Size;
     return found;
@@ -284,14 +346,16 @@ void TKdsRecord::StoreReference(const TKdsColumn* column, const TKdsSlot& slot, 
                                 std::int32_t size) {
     if (slot.Kind == skMemo) {
         if (size < 0) RaiseMismatch(column, u"DataBufferMismatch");
-        TAnsiString text = fTable->Strings()->ReferString(
+        TKdsStringManager* const strings = fTable->Strings();
+        TAnsiString text = strings->ReferString(
             column, {static_cast<const char*>(data), static_cast<std::size_t>(size)});
-        TScopeGuard giveBack([&] { fTable->Strings()->ClearString(column, text); });
+        TScopeGuard giveBack([&] { strings->ClearString(column, text); });
         std::byte* const buffer = WritableBuffer(slot);
+        giveBack.Dismiss();
         TAnsiString previous = TAnsiString::Attach(LoadRaw<void*>(buffer + slot.Offset));
         StoreRaw(buffer + slot.Offset, text.Detach());
         slot.MarkValue(buffer);
-        fTable->Strings()->ClearString(column, previous);
+        strings->ClearString(column, previous);
         return;
     }
     if (size != slot.Size) RaiseMismatch(column, u"DataBufferMismatch");

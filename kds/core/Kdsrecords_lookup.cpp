@@ -44,20 +44,11 @@ TKdsCompareOptions KeyRule(const TKdsColumn* column) {
     return options;
 }
 
-bool IsSameNumber(const void* a, const void* b, std::int32_t size) noexcept {
-    return size == 4 ? LoadRaw<std::uint32_t>(a) == LoadRaw<std::uint32_t>(b)
-                     : LoadRaw<std::uint64_t>(a) == LoadRaw<std::uint64_t>(b);
-}
-
 // Numbers that are stored are compared as they lie; texts by the rule of the master's key.
 bool HoldsKey(TKdsRecord* row, const TKdsColumn* column, const void* data, std::int32_t size) {
     const TKdsColumn* const field = column->MasterField();
     const TKdsSlot& slot = row->Table()->Layout().Slot(field->Index());
-    if (slot.IsKeyNumber() && slot.Size == size) {
-        const std::byte* const buffer = row->BufferFor(TKdsReading::Posted);
-        return buffer != nullptr && slot.HasValue(buffer) &&
-               IsSameNumber(buffer + slot.Offset, data, size);
-    }
+    if (slot.IsKeyNumber() && slot.Size == size) return row->HasNumber(slot, data);
     TKdsScratch scratch;
     TKdsValue value;
     if (!row->ReadValue(field, TKdsReading::Posted, scratch, value)) return false;
@@ -219,7 +210,8 @@ TKdsRecord* TKdsRecord::MasterRow(const TKdsColumn* column, TKdsReading reading,
     const TKdsSlot& from = fTable->Layout().Slot(source->Index());
     if (from.Kind == skPlain && from.StampOffset < 0) {
         const std::byte* const values = BufferFor(reading);
-        hasKey = values != nullptr && from.HasValue(values) && ReadSlot(from, values, value);
+        hasKey = values != nullptr && from.HasValue(values);
+        if (hasKey) ReadSlot(from, values, value);
     } else {
         hasKey = ReadValue(source, reading, scratch.emplace(), value);
     }
@@ -239,30 +231,6 @@ TKdsRecord* TKdsRecord::MasterRow(const TKdsColumn* column, TKdsReading reading,
         }
     }
     return row;
-}
-
-// The way of most reads, which calls nothing: the row at the place of the key, if it has the value
-// and is not being changed. Everything else takes the long way.
-bool TKdsRecord::ReadLookup(const TKdsColumn* column, TKdsReading reading, TKdsScratch& scratch,
-                            TKdsValue& value) {
-    const TKdsLookupPath& path = column->fPath;
-    const std::byte* const buffer = BufferFor(reading);
-    if (!path.IsFor(fTable->Layout()) || fTable->fKeyValues != nullptr || buffer == nullptr ||
-        !path.Source.HasValue(buffer) || !path.Key.HasValue(buffer)) {
-        return FollowLookup(column, reading, scratch, value);
-    }
-    const std::byte* const key = buffer + path.Key.Offset;
-    const TKdsRecord* const row = path.Masters->InDirectory(
-        path.IsShort ? LoadRaw<std::uint16_t>(key) : LoadRaw<std::int32_t>(key));
-    if (row == nullptr || row->fRowState != rsRegular || row->IsOut()) {
-        return FollowLookup(column, reading, scratch, value);
-    }
-    const std::byte* const values = row->fBuffer.Original;
-    if (!path.Field.HasValue(values) ||
-        !IsSameNumber(values + path.Field.Offset, buffer + path.Source.Offset, path.Field.Size)) {
-        return FollowLookup(column, reading, scratch, value);
-    }
-    return path.Shown.HasValue(values) && ReadSlot(path.Shown, values, value);
 }
 
 bool TKdsRecord::FollowLookup(const TKdsColumn* column, TKdsReading reading, TKdsScratch& scratch,

@@ -14,10 +14,6 @@ TAnsiString::TAnsiString(std::string_view text) {
     characters[text.size()] = '\0';
 }
 
-void TAnsiString::Release(void* handle) noexcept {
-    if (handle == nullptr) return;
-    auto* const block = static_cast<TBlock*>(handle);
-    if (--block->References == 0) ::operator delete(block);
-}
+void TAnsiString::Free(void* handle) noexcept { ::operator delete(handle); }
 
 }  // namespace kds

@@ -59,9 +59,13 @@ public:
     static void Retain(void* handle) noexcept {
         if (handle != nullptr) ++static_cast<TBlock*>(handle)->References;
     }
-    static void Release(void* handle) noexcept;
+    static void Release(void* handle) noexcept {
+        if (handle != nullptr && --static_cast<TBlock*>(handle)->References == 0) Free(handle);
+    }
 
 private:
+    static void Free(void* handle) noexcept;
+
     struct TBlock {
         std::int32_t References;
         std::uint32_t Size;

@@ -121,6 +121,13 @@ void TKdsView::CollectReaders(const TKdsColumn* column, TKdsRecord* master,
         !master->ReadValue(column->MasterField(), TKdsReading::Posted, masterScratch, key)) {
         return;
     }
+    const TKdsSlot& slot = fTable->Layout().Slot(source->Index());
+    if (slot.IsKeyNumber() && slot.Size == key.Size) {
+        for (TKdsRecord* const row : *fTable->Records()) {
+            if (row->HasNumber(slot, key.Data)) rows.push_back(row);
+        }
+        return;
+    }
     for (TKdsRecord* const row : *fTable->Records()) {
         TKdsScratch scratch;
         TKdsValue value;
