@@ -39,6 +39,7 @@ private:
     struct TTerm {
         TExprNodeId Node = 0;
         std::int32_t Set = -1;
+        int Cost = -1;  // of one that may change places
     };
 
     void Settle(std::uint32_t& operand) const noexcept {
@@ -116,8 +117,9 @@ private:
         if (IsKnown(id)) return false;
         const TExprNode& node = Node(id);
         if (node.Kind == nkCompare) return !IsRaw(node);
-        if (node.Kind == nkOr) return !(fSpecialise && IsSetTerm(Link(node, 0)));
-        return node.Kind == nkBinary || node.Kind == nkAnd;
+        if (node.Kind == nkOr && fSpecialise && IsSetTerm(Link(node, 0))) return false;
+        if (node.Kind == nkAnd || node.Kind == nkOr) return IsFirstOf(node);
+        return node.Kind == nkBinary;
     }
 
     std::uint32_t EmitLeaf(TExprNodeId id) {
@@ -135,6 +137,7 @@ private:
                 return target;
             }
             case nkCompare: return EmitRaw(node);
+            case nkAnd:
             case nkOr: return EmitChain(node, NoSlot, fTop);
             case nkIn: return EmitIn(node);
             case nkBetween: return EmitBetween(node);
@@ -184,6 +187,35 @@ private:
         const TSides sides = SidesOf(node);
         return Node(sides.Column).Kind == nkColumn && IsKnown(sides.Value) &&
                !ValueOf(sides).IsNull() && TExprSet::Takes(Node(sides.Column).Type, ValueOf(sides));
+    }
+
+    // Neighbours that raise nothing may be asked in any order: what is decided cheaply comes first.
+    [[nodiscard]] bool IsMovable(TExprNodeId id) const noexcept {
+        return fSpecialise && Node(id).Calm && !IsKnown(id);
+    }
+    [[nodiscard]] int CostOf(TExprNodeId id) const noexcept {
+        return Node(id).Kind == nkCompare && IsRaw(Node(id)) ? 0 : Node(id).Cost;
+    }
+    // Whether the first operand is asked first, so that its value can be at hand before the chain.
+    [[nodiscard]] bool IsFirstOf(const TExprNode& chain) const noexcept {
+        const auto links = fTree.Links(chain);
+        if (!IsMovable(links[0])) return true;
+        const int cost = CostOf(links[0]);
+        for (const TExprNodeId link : links.subspan(1)) {
+            if (!IsMovable(link)) break;
+            if (CostOf(link) < cost) return false;
+        }
+        return true;
+    }
+    void PutCheapFirst(std::vector<TTerm>& terms) const {
+        for (TTerm& term : terms) {
+            if (term.Set < 0 && IsMovable(term.Node)) term.Cost = CostOf(term.Node);
+        }
+        for (auto run = terms.begin(); run != terms.end();) {
+            const auto end = std::ranges::find(run, terms.end(), -1, &TTerm::Cost);
+            std::ranges::stable_sort(run, end, {}, &TTerm::Cost);
+            run = end == terms.end() ? end : end + 1;
+        }
     }
 
     [[nodiscard]] std::vector<TTerm> TermsOf(const TExprNode& node, std::size_t from) {
@@ -237,10 +269,14 @@ private:
     // `value` is the first term's, or NoSlot when that is still to be emitted.
     std::uint32_t EmitChain(const TExprNode& node, std::uint32_t value, std::uint32_t top) {
         std::vector<TTerm> terms = TermsOf(node, value == NoSlot ? 0 : 1);
+        PutCheapFirst(terms);
         const auto flags = static_cast<std::uint8_t>(node.Kind == nkOr ? xfOr : 0);
         std::size_t next = 0;
         fTop = top;
-        if (value == NoSlot) value = EmitTerm(terms[next++]);
+        if (value == NoSlot) {
+            value = EmitTerm(terms[next++]);
+            if (terms.size() == 1) return value;  // one set holds the whole chain
+        }
         const std::uint32_t target = Reserve(top);
         std::vector<std::uint32_t> jumps{
             Step({.Code = cdFirst, .Flags = flags, .Dst = target, .A = value})};

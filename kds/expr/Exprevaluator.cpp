@@ -258,6 +258,8 @@ public:
         }
         fIsComparison = fIsClosed && fProgram.Code.front().Code == cdRaw &&
                         fProgram.Code.front().Extra == fProgram.Code.size();
+        fIsMembership = fIsClosed && fProgram.Code.size() == 2 &&
+                        fProgram.Code.front().Code == cdLoad && fProgram.Code.back().Code == cdSet;
     }
 
     void SetPosition(TExprPosition position) override {
@@ -273,12 +275,15 @@ public:
     }
 
     [[nodiscard]] int TestAt(TExprPosition position) override {
-        if (fIsComparison) {
+        if (fIsComparison || fIsMembership) {
             const std::byte* const buffer = fTyped->Buffer(position);
             if (buffer != nullptr) {
                 TExprArena& scratch = Frame().Temporary;
                 scratch.Reset();
-                return fProgram.RawCompares.front().Test(buffer, scratch);
+                if (fIsComparison) return fProgram.RawCompares.front().Test(buffer, scratch);
+                const TExprRawPlace& place = fProgram.Columns[fProgram.Code[0].A].Known.Place;
+                const TExprSet& set = fProgram.Sets[fProgram.Code[1].Extra];
+                return Truth(set.Contains(ReadRaw(place, buffer, scratch)));
             }
         }
         SetPosition(position);
@@ -357,6 +362,7 @@ private:
     bool fSpecialise;
     bool fIsClosed = false;      // reads stored columns and calls nothing
     bool fIsComparison = false;  // one comparison on the buffer, which needs no slots at all
+    bool fIsMembership = false;  // one search of a column's value in a set, likewise
     std::vector<std::unique_ptr<TExprFrame>> fFrames;
     std::size_t fBusy = 0;
 };

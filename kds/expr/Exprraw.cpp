@@ -224,9 +224,16 @@ int TExprRawCompare::Test(const std::byte* buffer, TExprArena& arena) const {
             break;
         case TForm::Ansi: {
             const std::string_view text = RawText(fPlace, data);
-            // Folding keeps sizes, so texts of different sizes are different.
-            if (fOp <= opNotEqual && text.size() != fConstant.Size) return fOp == opNotEqual;
-            order = CompareAnsi(text, fConstant.View(), fCollation.Caseless);
+            const std::string_view constant = fConstant.View();
+            if (fOp <= opNotEqual) {
+                // Folding keeps sizes, so texts of different sizes are different; most others
+                // differ in their first byte.
+                const bool differs =
+                    text.size() != constant.size() ||
+                    (!text.empty() && !fCollation.Caseless && text.front() != constant.front());
+                if (differs) return fOp == opNotEqual;
+            }
+            order = CompareAnsi(text, constant, fCollation.Caseless);
             break;
         }
         case TForm::Wide: {

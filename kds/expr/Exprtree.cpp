@@ -29,10 +29,53 @@ TExprNodeId TExprTree::Add(const TExprNode& node, std::span<const TExprNodeId> l
     added.FirstLink = static_cast<std::uint32_t>(fLinks.size());
     added.LinkCount = static_cast<std::uint32_t>(links.size());
     fLinks.insert(fLinks.end(), links.begin(), links.end());
-    for (const TExprNodeId link : links) added.Impure = added.Impure || fNodes[link].Impure;
+    int cost = node.Kind == nkConstant ? 0 : 1;
+    for (const TExprNodeId link : links) {
+        added.Impure = added.Impure || fNodes[link].Impure;
+        if (!IsConstant(link)) cost += fNodes[link].Cost;
+    }
+    added.Cost = static_cast<std::uint8_t>(std::min(cost, 255));
+    added.Calm = IsCalm(added);
     const auto id = static_cast<TExprNodeId>(fNodes.size() - 1);
     if (node.Kind != nkConstant && node.Kind != nkColumn) Fold(id);
     return id;
+}
+
+bool TExprTree::IsCalm(const TExprNode& node) const noexcept {
+    const auto links = Links(node);
+    const auto calm = [&](TExprNodeId id) { return IsConstant(id) || fNodes[id].Calm; };
+    if (!std::ranges::all_of(links, calm)) return false;
+    const auto comparable = [&](TExprNodeId id) {
+        const TExprKind left = TypeOf(links[0]);
+        const TExprKind right = TypeOf(id);
+        return (IsNumberKind(left) && IsNumberKind(right)) ||
+               (left == right && (left == ekText || left == ekDate));
+    };
+    const auto isKind = [&](TExprKind kind) {
+        return [this, kind](TExprNodeId id) { return TypeOf(id) == kind; };
+    };
+    switch (node.Kind) {
+        case nkConstant: return true;
+        case nkColumn:
+            return fColumns[static_cast<std::size_t>(node.Index)].Known.Place.Kind != rwNone;
+        case nkUnary:
+            if (node.Op == opNot) return TypeOf(links[0]) == ekBoolean;
+            return node.Op == opIsNull || (node.Op == opNegate && TypeOf(links[0]) == ekFloat);
+        case nkBinary:
+            if (!IsNumberKind(TypeOf(links[0])) || !IsNumberKind(TypeOf(links[1]))) return false;
+            if (node.Op == opDivide || node.Op == opModulo) return true;
+            return node.Op <= opMultiply && std::ranges::any_of(links, isKind(ekFloat));
+        case nkCompare:
+        case nkIn:
+        case nkBetween: return std::ranges::all_of(links.subspan(1), comparable);
+        case nkAnd:
+        case nkOr: return std::ranges::all_of(links, isKind(ekBoolean));
+        case nkLike:
+            return std::ranges::all_of(links, isKind(ekText)) &&
+                   std::ranges::all_of(links.subspan(1),
+                                       [&](TExprNodeId id) { return IsConstant(id); });
+        default: return false;
+    }
 }
 
 void TExprTree::SetValue(TExprNode& node, const TExprSlot& value) {

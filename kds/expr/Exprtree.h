@@ -47,8 +47,10 @@ struct TExprNode {
     bool Wide : 1 = false;
     bool Decimal : 1 = false;    // a decimal literal
     bool Impure : 1 = false;     // computed again each time
+    bool Calm : 1 = false;       // reads stored values and raises nothing, whatever they are
     bool Selector : 1 = false;   // nkCase begins with one
     bool Else : 1 = false;       // nkCase ends with one
+    std::uint8_t Cost = 0;       // about the number of steps, up to 255
     std::int32_t Constant = -1;  // its value, when that is known
     std::uint32_t FirstLink = 0;
     std::uint32_t LinkCount = 0;
@@ -114,6 +116,7 @@ public:
 
 private:
     [[nodiscard]] TExprNodeId Add(const TExprNode& node, std::span<const TExprNodeId> links);
+    [[nodiscard]] bool IsCalm(const TExprNode& node) const noexcept;
     void SetValue(TExprNode& node, const TExprSlot& value);
     // Computes a node whose operands are all known, and gives it its value.
     void Fold(TExprNodeId id);

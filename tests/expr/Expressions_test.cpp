@@ -271,6 +271,34 @@ TEST(TExpressionRawTest, FetchesAColumnAtMostOnceARow) {
     EXPECT_EQ(columns, (std::vector<std::int32_t>{0, 4}));
 }
 
+// Cheap terms go first where no order can be told from the outside: an error of one term hides, or
+// is hidden by, no more than as written.
+TEST(TExpressionChainTest, TermsChangePlacesUnseen) {
+    const auto row = ExampleRow();
+    const std::u16string_view terms[] = {u"Price * 2 + Id > 3", u"Price * 2 + Id < 3",
+                                         u"Name LIKE 'B%'",     u"Id = 8",
+                                         u"Missing = 1",        u"Big + 1 > 0",
+                                         u"Big - Small > 0",    u"NOT (Id * 2e0 > 0 OR Fee = 1)"};
+    constexpr std::size_t count = std::size(terms);
+    for (std::size_t i = 0; i < count * count * count; ++i) {
+        for (const std::u16string_view op : {u" AND ", u" OR "}) {
+            const std::u16string text = std::u16string(terms[i % count]) + std::u16string(op) +
+                                        std::u16string(terms[i / count % count]) +
+                                        std::u16string(op) +
+                                        std::u16string(terms[i / count / count]);
+            const std::string outcome = OutcomeOfAllWays(text, row);
+            ASSERT_EQ(outcome.find(" | "), std::string::npos) << ToUtf8(text) << ": " << outcome;
+        }
+    }
+    row->HasBuffer = false;
+    row->Fetches = 0;
+    const auto evaluator =
+        Compiled(u"Price / 3 + Fee > 1 AND Price * 2 + Id > 3 AND Small = 9", row);
+    evaluator->SetPosition({});
+    EXPECT_EQ(evaluator->Test(), 0);
+    EXPECT_EQ(row->Fetches, 1);
+}
+
 // ---- sets ---------------------------------------------------------------------------------
 
 TEST(TExpressionSetTest, LongChainsAndListsFindTheirMembers) {
