@@ -91,6 +91,19 @@ TEST_F(TKdsStringsTest, TakesTextsForEqualThatDifferBehindAZero) {
     EXPECT_TRUE(first.SameInstance(second));
 }
 
+// Two users of a text that the cleared pool had count as one user and the pool.
+TEST_F(TKdsStringsTest, TextsOfAClearedPoolLeaveTheNewOneAlone) {
+    const TOwned<TKdsColumn> column = Column(u"w");
+    TAnsiString first = fStrings.ReferString(column.get(), "text");
+    const TAnsiString second = fStrings.ReferString(column.get(), "text");
+    fStrings.Clear();
+    const TAnsiString third = fStrings.ReferString(column.get(), "text");
+    EXPECT_FALSE(third.SameInstance(second));
+    fStrings.ClearString(column.get(), first);
+    const TOwned<TKdsColumn> other = Column(u"W");
+    EXPECT_TRUE(fStrings.ReferString(other.get(), "text").SameInstance(third));
+}
+
 TEST_F(TKdsStringsTest, AgreesWithACountOfEachText) {
     const std::uint32_t seed = support::Seed();
     SCOPED_TRACE(testing::Message() << "repeat with KDS_TEST_SEED=" << seed);

@@ -337,6 +337,58 @@ TEST_F(TKdsSwapperTest, FaultsLoseNothing) {
     EXPECT_GT(failures, 60);
 }
 
+// What has been loaded goes again although a call of the file fails, then or while it goes.
+TEST_F(TKdsSwapperTest, AFailedLoadIsUndoneInSpiteOfAFault) {
+    int faults = 0;
+    for (const TKind& kind : Kinds) {
+        Make(kind.Type, kind.Options, 100);
+        Insert(100, 40);
+        TMemoryStream whole;
+        fTable->SaveToStream(whole, true);
+        std::vector<std::byte> bytes = whole.Bytes();
+        bytes.resize(bytes.size() - 3);
+        bool happened = true;
+        for (int nth = 1; happened; ++nth) {
+            SCOPED_TRACE(testing::Message() << kind.Name << nth);
+            Make(kind.Type, kind.Options, 6, 2);
+            fTable->SetPrimaryKey(u"Id");
+            Insert(0, 12);
+            TMemoryStream stream(bytes);
+            fFiles.FailAt(nth, TFailingFiles::TMode::Refused);
+            EXPECT_THROW((void)fTable->LoadFromStream(stream), EKdsStreamError);
+            happened = fFiles.Happened();
+            fFiles.FailAt(0, TFailingFiles::TMode::Refused);
+            faults += happened ? 1 : 0;
+            ExpectRows(12);
+            ASSERT_STREQ(fTable->Inconsistency(), nullptr);
+            EXPECT_EQ(fTable->Insert({12, NameOf(12), 84})->RowID(), 12u);
+        }
+    }
+    EXPECT_GT(faults, 30);
+}
+
+TEST_F(TKdsSwapperTest, AFileThatStaysBehindIsToldOf) {
+    for (const bool ends : {false, true}) {
+        Insert(0, 20);
+        fFiles.FailAt(1, TFailingFiles::TMode::Refused);
+        if (ends) {
+            fTable.reset();
+            Make(dtAnsiString, {});
+        } else {
+            EXPECT_EQ(Refusal([&] { fTable->Clear(); }), "Disk full");
+        }
+        EXPECT_TRUE(fFiles.Happened());
+        fFiles.FailAt(0, TFailingFiles::TMode::Refused);
+        EXPECT_EQ(FileCount(), 1);
+        Insert(0, 20);
+        ExpectRows(20);
+        EXPECT_EQ(FileCount(), 2);
+        fTable->Clear();
+        EXPECT_EQ(FileCount(), 1);
+        std::filesystem::remove(*std::filesystem::directory_iterator(fFolder));
+    }
+}
+
 // A file that cannot be removed goes when the process does; a child leaves its parent's alone.
 TEST_F(TKdsSwapperTest, TheProcessLeavesNoFile) {
     Insert(0, 20);
