@@ -3,7 +3,8 @@
 //
 // Read       A value of ten thousand rows at random that are out, beside as many reads of one row's
 //            bytes at random places of a file of the same size, which the system has in its cache
-//            in both cases. Again: a value of the row that was read last.
+//            in both cases; that file was written in batches, as the rows were, or at once, which
+//            the system reads faster. Again: a value of the row that was read last.
 // Out        One append that sends a batch of 1024 rows out, beside 1024 writes of one row's bytes
 //            each, at the end of a file.
 #include <fcntl.h>
@@ -61,15 +62,15 @@ TSwapSide& Side() {
     return side;
 }
 
-// A file of its own, which has no name any more, written in batches.
+// A file of its own, which has no name any more.
 class TRawFile {
 public:
-    TRawFile(std::size_t image, std::size_t count) {
+    TRawFile(std::size_t size, std::size_t atOnce) {
         std::string name = (std::filesystem::temp_directory_path() / "kds_swap_XXXXXX").string();
         fHandle = ::mkstemp(name.data());
         ::unlink(name.c_str());
-        const std::vector<char> bytes(image * Batch, 'x');
-        for (std::size_t at = 0; at < image * count; at += bytes.size()) {
+        const std::vector<char> bytes(atOnce, 'x');
+        for (std::size_t at = 0; at < size; at += bytes.size()) {
             if (::pwrite(fHandle, bytes.data(), bytes.size(), static_cast<off_t>(at)) < 0) {
                 std::abort();
             }
@@ -109,9 +110,10 @@ void ReadKds(benchmark::State& state) {
     const auto reads = static_cast<double>(side.Reads() - before);
     if (reads / rounds < ReadsAtOnce * 0.99) state.SkipWithError("rows were in memory");
 }
-void ReadRaw(benchmark::State& state) {
+void ReadRaw(benchmark::State& state, bool inBatches) {
     const std::size_t size = Side().ImageSize();
-    const TRawFile file(size, Side().CountOut());
+    const std::size_t all = size * Side().CountOut();
+    const TRawFile file(all, inBatches ? size * Batch : all);
     const std::vector<std::size_t> places = Places();
     std::vector<char> bytes(size);
     for (auto _ : state) {
@@ -144,7 +146,7 @@ void OutKds(benchmark::State& state) {
 }
 void OutRaw(benchmark::State& state) {
     const std::size_t size = Side().ImageSize();
-    const TRawFile file(size, Side().CountOut());
+    const TRawFile file(size * Side().CountOut(), size * Batch);
     const std::vector<char> bytes(size, 'y');
     std::size_t end = size * Side().CountOut();
     for (auto _ : state) {
@@ -159,7 +161,12 @@ void OutRaw(benchmark::State& state) {
 }
 
 BENCHMARK(ReadKds)->Name("read 10k rows that are out/kds")->Unit(benchmark::kMicrosecond);
-BENCHMARK(ReadRaw)->Name("read 10k rows that are out/pread")->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(ReadRaw, batches, true)
+    ->Name("read 10k rows that are out/pread")
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(ReadRaw, once, false)
+    ->Name("read 10k rows that are out/pread, file written at once")
+    ->Unit(benchmark::kMicrosecond);
 BENCHMARK(ReadAgain)->Name("read the last row again/kds");
 BENCHMARK(OutKds)->Name("send 1024 rows out/kds")->Unit(benchmark::kMicrosecond)->Iterations(500);
 BENCHMARK(OutRaw)

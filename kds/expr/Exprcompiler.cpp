@@ -113,7 +113,7 @@ private:
         if (node.Constant < 0) return false;
         return node.Kind == nkConstant || ((fSpecialise || fFolding) && !(fFolding && id == fRoot));
     }
-    [[nodiscard]] bool Descends(TExprNodeId id) const noexcept {
+    [[nodiscard]] bool Descends(TExprNodeId id) const {
         if (IsKnown(id)) return false;
         const TExprNode& node = Node(id);
         if (node.Kind == nkCompare) return !IsRaw(node);
@@ -190,14 +190,16 @@ private:
     }
 
     // Neighbours that raise nothing may be asked in any order: what is decided cheaply comes first.
+    // What is moved is emitted by recursion, which the depth of brackets bounds: a chain of OR and
+    // XOR in turn nests as deep as it is long, and no XOR counts as calm.
     [[nodiscard]] bool IsMovable(TExprNodeId id) const noexcept {
         return fSpecialise && Node(id).Calm && !IsKnown(id);
     }
-    [[nodiscard]] int CostOf(TExprNodeId id) const noexcept {
+    [[nodiscard]] int CostOf(TExprNodeId id) const {
         return Node(id).Kind == nkCompare && IsRaw(Node(id)) ? 0 : Node(id).Cost;
     }
     // Whether the first operand is asked first, so that its value can be at hand before the chain.
-    [[nodiscard]] bool IsFirstOf(const TExprNode& chain) const noexcept {
+    [[nodiscard]] bool IsFirstOf(const TExprNode& chain) const {
         const auto links = fTree.Links(chain);
         if (!IsMovable(links[0])) return true;
         const int cost = CostOf(links[0]);
@@ -292,7 +294,7 @@ private:
     // ---- comparisons ----
 
     // A stored column beside a constant, either way round.
-    [[nodiscard]] bool IsRaw(const TExprNode& node) const noexcept {
+    [[nodiscard]] bool IsRaw(const TExprNode& node) const {
         if (!fSpecialise) return false;
         const TSides sides = SidesOf(node);
         if (Node(sides.Column).Kind != nkColumn || !IsKnown(sides.Value)) return false;

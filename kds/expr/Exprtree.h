@@ -110,7 +110,7 @@ public:
     [[nodiscard]] bool ReadsClock() const noexcept { return fReadsClock; }
     // Keeps a text that constants of the program borrow; the program takes them all over.
     [[nodiscard]] std::string_view KeepText(std::string_view text);
-    [[nodiscard]] std::deque<std::string> TakeTexts() noexcept { return std::move(fTexts); }
+    [[nodiscard]] std::deque<std::string> TakeTexts() { return std::move(fTexts); }
     // How two operands are compared.
     [[nodiscard]] TExprCompare CompareOf(TExprNodeId left, TExprNodeId right) const noexcept;
 

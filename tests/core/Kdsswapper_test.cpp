@@ -337,7 +337,8 @@ TEST_F(TKdsSwapperTest, FaultsLoseNothing) {
     EXPECT_GT(failures, 60);
 }
 
-// What has been loaded goes again although a call of the file fails, then or while it goes.
+// What has been loaded goes again when a call of the file fails while it comes; its going calls
+// the file for nothing.
 TEST_F(TKdsSwapperTest, AFailedLoadIsUndoneInSpiteOfAFault) {
     int faults = 0;
     for (const TKind& kind : Kinds) {

@@ -165,6 +165,8 @@ inline const TScenario Scenarios[] = {
     {"OrderBy", Nothing, [](TW& w) { w.ByName->SetOrderBy(u"Note,Late desc"); }},
     {"OrderByNothing", Nothing, [](TW& w) { w.ByName->SetOrderBy({}); }},
     {"OrderByUnknown", Nothing, [](TW& w) { w.ByName->SetOrderBy(u"Name,Nobody"); }},
+    {"FilterText", Nothing,
+     [](TW& w) { w.ByName->SetFilter(u"Name > 'n1' AND Note LIKE 'x%' OR Qty IN (1, 3, 5)"); }},
     {"OnAccept", Nothing, [](TW& w) { w.ByName->SetOnAccept(w.Accepter()); }},
     {"NoAccept", Nothing, [](TW& w) { w.Rich->SetOnAccept(nullptr); }},
     {"OnCompare", Nothing, [](TW& w) { w.ByName->SetOnCompare(w.Comparer()); }},
