@@ -144,7 +144,7 @@ void TKdsRecord::RefreshDelayed(const TKdsColumn* column, const TKdsSlot& slot) 
 
 // Stored calculated columns; delayed ones wait for a read. In a change that stands a calculation
 // that fails leaves its column null, whatever is raised; only that memory ran out is told, at the
-// end.
+// end, and a row that has values then keeps them.
 bool TKdsRecord::CalculateColumns(bool keepGoing) {
     const std::vector<TKdsColumn*>& columns = fTable->Columns()->CalculationOrder();
     // What the others read of these must not be of the values before.
@@ -162,6 +162,7 @@ bool TKdsRecord::CalculateColumns(bool keepGoing) {
             continue;
         } catch (const std::bad_alloc&) {
             errors.Keep(std::current_exception());
+            if (fRowState != rsDetached) break;
         } catch (...) {
         }
         succeeded = false;
@@ -188,8 +189,10 @@ void TKdsRecord::Recalculate() {
 // While the views are off: rows are not moved one by one. Values are calculated from what is
 // posted, and an open edit is not touched.
 std::int32_t TKdsTable::Recalculate() {
+    TKdsTravelGuard guard;  // links hear of it, and may end the table
     const TExpressionScope clock;
     TKdsLoad load(this, mtsMassive);
+    if (fColumns == nullptr) return 0;
     std::int32_t failures = 0;
     TFirstError errors;
     for (TKdsRecord* const record : *fRecords) {

@@ -1,6 +1,10 @@
 // Reading of table streams, which may be damaged or made to harm: every number is checked before
 // anything is done with it, and whatever fails, the table is then what it was before.
 #include "kds/core/Kdsstreams.h"
+
+#include <algorithm>
+#include <utility>
+
 #include "kds/core/Kdserrors.h"
 #include "kds/core/Kdsstreams_format.h"
 #include "kds/core/Kdsswapper.h"
@@ -50,6 +54,13 @@ private:
     void Point(TKdsRecord* record, const TKdsColumn* column, const TKdsNormalLookup& key);
     void Undo() noexcept;
     void RemoveRows(TFirstError& errors);
+    [[nodiscard]] bool HoldsNewRows() const;
+    // Links hear of a load and of its end. They may have ended the table, or emptied it and given
+    // it other columns.
+    [[nodiscard]] bool HasEnded() const noexcept { return fTable->fColumns == nullptr; }
+    [[nodiscard]] bool IsAnother() const noexcept {
+        return HasEnded() || fTable->Layout().Version() != fLayout;
+    }
     // Calls a routine of the host, whose exceptions are its own.
     template <typename F>
     void CallHost(F&& routine) {
@@ -66,6 +77,7 @@ private:
     std::int64_t fStart;
     TTagReader fReader;
     std::vector<TStreamShape> fShape;  // one, once the columns are there
+    std::uint32_t fLayout = 0;         // what they make
     bool fStrips = false;
     std::vector<std::uint32_t> fStoredBits;  // of the columns that a buffer may hold
     TKdsLoadResult fResult;
@@ -75,6 +87,9 @@ private:
     std::size_t fFirstPending = 0;       // of the record that is being read
     std::vector<std::uint32_t> fRowIDs;  // by position in the stream, where rows mean each other
     bool fMeansItself = false;
+
+    std::uint32_t fFirstRowID = 0;  // of the rows that have been loaded
+    std::uint32_t fEndRowID = 0;
 
     struct TBefore {
         std::int32_t Rows;
@@ -137,16 +152,21 @@ TKdsLoadResult TKdsTableReader::Read() {
 void TKdsTableReader::Load() {
     ReadHead();
     TKdsLoad load(fTable, mtsMassive);
+    if (IsAnother()) throw EStreamError(u"The table was changed meanwhile");
+    fFirstRowID = fEndRowID = fTable->fLastRowID;
     {
         // Before the views are built again: nobody sees the rows.
         TScopeGuard undo([&] { Undo(); });
-        ReadRecords();
+        {
+            TScopeGuard end([&] { fEndRowID = fTable->fLastRowID; });
+            ReadRecords();
+        }
         if (fResult.Stopped) return;
         ResolvePending(false);
         undo.Dismiss();
     }
     load.Leave();  // raises what the rebuilt views have to say, of duplicates for instance
-    ResolvePending(true);
+    if (!IsAnother()) ResolvePending(true);
     fResult.Unresolved = static_cast<std::int32_t>(fPending.size());
 }
 
@@ -157,6 +177,7 @@ void TKdsTableReader::ReadHead() {
     if (fReader.ReadInteger(0, StreamHasStructure) != 0) ReadStructure();
     const TKdsLayout& layout = fTable->Layout();
     fShape.emplace_back(fTable);
+    fLayout = layout.Version();
     for (const TKdsColumn* const column : fShape[0].VirtualKeys) {
         if (column->MasterTable() == fTable) fMeansItself = true;
     }
@@ -358,6 +379,7 @@ void TKdsTableReader::ResolvePending(bool among) {
 
 // Whether nothing is left to be done.
 bool TKdsTableReader::Resolve(const TPending& pending, bool among) {
+    if (IsAnother()) return true;
     TKdsRecord* const record = fTable->Records()->FindRowID(pending.RowID);
     if (record == nullptr) return true;
     const TKdsColumn* const column = fTable->Columns()->GetItem(pending.Column);
@@ -430,10 +452,12 @@ void TKdsTableReader::Point(TKdsRecord* record, const TKdsColumn* column,
 // ---- Undoing ------------------------------------------------------------------------------
 
 void TKdsTableReader::Undo() noexcept {
-    if (fTable->fColumns == nullptr) return;  // somebody has ended it
+    if (HasEnded()) return;
     TFirstError unheard;
     unheard.Run([&] { RemoveRows(unheard); });
-    if (fTable->Records()->Count() == fBefore.Rows) fTable->fLastRowID = fBefore.LastRowID;
+    if (HasEnded()) return;
+    const bool countsOn = HoldsNewRows();
+    if (!countsOn) fTable->fLastRowID = fBefore.LastRowID;
     fTable->fModified = fBefore.Modified;
     TKdsTableColumnList* const columns = fTable->Columns();
     while (columns->Count() > fBefore.Columns) {
@@ -441,7 +465,8 @@ void TKdsTableReader::Undo() noexcept {
         unheard.Run([&] { columns->Delete(count - 1); });
         if (columns->Count() == count) break;
     }
-    for (std::size_t i = 0; i < fBefore.AutoIncNext.size(); ++i) {
+    const bool hasAll = std::cmp_equal(columns->Count(), fBefore.AutoIncNext.size());
+    for (std::size_t i = 0; i < fBefore.AutoIncNext.size() && hasAll && !countsOn; ++i) {
         columns->GetItem(static_cast<std::int32_t>(i))->fAutoIncNext = fBefore.AutoIncNext[i];
     }
     unheard.Run([&] { fTable->SetOptions(fBefore.Options); });
@@ -450,19 +475,28 @@ void TKdsTableReader::Undo() noexcept {
     unheard.Run([&] { fStream.Seek(fStart); });
 }
 
-// The last one first, and only those that were loaded: links may have added others meanwhile. With
-// the views off, as they are while the rows come in.
+// The last one first, and only those that were loaded: links may have added and deleted others
+// meanwhile. With the views off, as they are while the rows come in.
 void TKdsTableReader::RemoveRows(TFirstError& errors) {
     TKdsTableRecordList* const rows = fTable->Records();
-    if (rows->Count() == fBefore.Rows) return;
+    // With fewer numbers given out than that the table has been cleared.
+    if (fEndRowID == fFirstRowID || fTable->fLastRowID < fEndRowID) return;
     const bool inBracket = fTable->fLoadLocks > 0;
-    const std::uint32_t end = fTable->fLastRowID;
     if (!inBracket) errors.Run([&] { fTable->EnterLoad(mtsMassive); });
-    for (std::int32_t i = rows->Count() - 1; i >= fBefore.Rows; --i) {
+    if (HasEnded()) return;
+    for (std::int32_t i = rows->Count() - 1; i >= 0; --i) {
         const std::uint32_t id = rows->ItemAt(i)->RowID();
-        if (id >= fBefore.LastRowID && id < end) errors.Run([&] { rows->Delete(i); });
+        if (id >= fFirstRowID && id < fEndRowID) errors.Run([&] { rows->Delete(i); });
     }
     if (!inBracket) errors.Run([&] { fTable->LeaveLoad(); });
+}
+
+// Rows that links have added, or that could not be removed: no other may get their numbers.
+bool TKdsTableReader::HoldsNewRows() const {
+    for (const TKdsRecord* const record : *fTable->Records()) {
+        if (record->RowID() >= fBefore.LastRowID) return true;
+    }
+    return false;
 }
 
 // ---- The table ----------------------------------------------------------------------------

@@ -209,11 +209,11 @@ void TKdsTable::LayoutChanged() noexcept {
 
 void TKdsTable::EnterLoad(TKdsTableStatus status) {
     TKdsTravelGuard guard;  // links hear of it, and may end the table
+    CheckNotBusy();
     if (fLoadLocks > 0) {
         ++fLoadLocks;
         return;
     }
-    CheckNotBusy();
     if (status == mtsDestroy || status == mtsMassive) {
         TScopeGuard undo([&] {
             try {

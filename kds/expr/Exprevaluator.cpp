@@ -260,6 +260,7 @@ public:
                         fProgram.Code.front().Extra == fProgram.Code.size();
         fIsMembership = fIsClosed && fProgram.Code.size() == 2 &&
                         fProgram.Code.front().Code == cdLoad && fProgram.Code.back().Code == cdSet;
+        AddFrame();  // now, while a lack of memory refuses the expression and not its first row
     }
 
     void SetPosition(TExprPosition position) override {
@@ -326,10 +327,14 @@ private:
     TExprFrame& Frame() {
         if (fBusy == fFrames.size()) {
             if (nesting >= DeepestNesting) RaiseCircular();
-            fFrames.push_back(std::make_unique<TExprFrame>());
-            fFrames.back()->Prepare(fProgram);
+            AddFrame();
         }
         return *fFrames[fBusy];
+    }
+    void AddFrame() {
+        auto frame = std::make_unique<TExprFrame>();
+        frame->Prepare(fProgram);
+        fFrames.push_back(std::move(frame));
     }
     template <typename F>
     std::invoke_result_t<F&, const TExprSlot&> Run(F&& answer) {

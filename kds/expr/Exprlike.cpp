@@ -32,7 +32,8 @@ void TExprPattern::Compile(std::string_view pattern, const std::string_view* esc
     }
     fCaseless = caseless;
     fByBytes = true;
-    fPieces.assign(1, {});
+    fCount = 0;
+    BeginPiece();
     for (std::size_t at = 0; at < pattern.size();) {
         char32_t character = CharAt(pattern, at, length);
         at += length;
@@ -42,13 +43,14 @@ void TExprPattern::Compile(std::string_view pattern, const std::string_view* esc
             at += length;
             if (character != escapes && character != U'%' && character != U'_') refuse();
         } else if (character == U'%') {
-            fPieces.emplace_back();
+            // Several in a row are as one.
+            if (fCount == 1 || !Pieces().back().Characters.empty()) BeginPiece();
             continue;
         } else if (character == U'_') {
             character = AnyCharacter;
             fByBytes = false;
         }
-        std::u32string& piece = fPieces.back().Characters;
+        std::u32string& piece = Pieces().back().Characters;
         piece += caseless && character != AnyCharacter ? FoldCase(character) : character;
         if (piece.size() > LongestPiece) refuse();
     }
@@ -56,8 +58,15 @@ void TExprPattern::Compile(std::string_view pattern, const std::string_view* esc
     if (fByBytes) CutByBytes();
 }
 
+void TExprPattern::BeginPiece() {
+    if (fCount == fPieces.size()) fPieces.emplace_back();
+    fPieces[fCount].Characters.clear();
+    fPieces[fCount].Bytes.clear();
+    ++fCount;
+}
+
 void TExprPattern::CutByBytes() {
-    for (TPiece& piece : fPieces) {
+    for (TPiece& piece : Pieces()) {
         for (const char32_t character : piece.Characters) {
             char bytes[4];
             piece.Bytes.append(bytes, PutChar(bytes, character));
@@ -70,18 +79,19 @@ bool TExprPattern::Matches(std::string_view text) const noexcept {
 }
 
 bool TExprPattern::MatchesBytes(std::string_view text) const noexcept {
-    const std::string& first = fPieces.front().Bytes;
-    if (fPieces.size() == 1) return text == first;
-    const std::string& last = fPieces.back().Bytes;
+    const std::span<const TPiece> pieces = Pieces();
+    const std::string& first = pieces.front().Bytes;
+    if (pieces.size() == 1) return text == first;
+    const std::string& last = pieces.back().Bytes;
     if (text.size() < first.size() + last.size() || !text.starts_with(first) ||
         !text.ends_with(last)) {
         return false;
     }
     text = text.substr(first.size(), text.size() - first.size() - last.size());
-    for (std::size_t i = 1; i + 1 < fPieces.size(); ++i) {
-        const std::size_t found = text.find(fPieces[i].Bytes);
+    for (std::size_t i = 1; i + 1 < pieces.size(); ++i) {
+        const std::size_t found = text.find(pieces[i].Bytes);
         if (found == std::string_view::npos) return false;
-        text.remove_prefix(found + fPieces[i].Bytes.size());
+        text.remove_prefix(found + pieces[i].Bytes.size());
     }
     return true;
 }
@@ -102,19 +112,19 @@ std::size_t TExprPattern::EndOfPiece(const std::u32string& piece, std::string_vi
 }
 
 bool TExprPattern::MatchesCharacters(std::string_view text) const noexcept {
-    std::size_t at = EndOfPiece(fPieces.front().Characters, text, 0);
+    const std::span<const TPiece> pieces = Pieces();
+    std::size_t at = EndOfPiece(pieces.front().Characters, text, 0);
     if (at == std::string_view::npos) return false;
-    if (fPieces.size() == 1) return at == text.size();
-    const std::u32string& last = fPieces.back().Characters;
+    if (pieces.size() == 1) return at == text.size();
+    const std::u32string& last = pieces.back().Characters;
     const std::size_t tail = FromEnd(text.substr(at), last.size());
     if (tail == std::string_view::npos ||
         EndOfPiece(last, text, at + tail) == std::string_view::npos) {
         return false;
     }
     text = text.substr(0, at + tail);
-    for (std::size_t i = 1; i + 1 < fPieces.size(); ++i) {
-        const std::u32string& piece = fPieces[i].Characters;
-        if (piece.empty()) continue;
+    for (std::size_t i = 1; i + 1 < pieces.size(); ++i) {
+        const std::u32string& piece = pieces[i].Characters;
         std::size_t end = EndOfPiece(piece, text, at);
         while (end == std::string_view::npos) {
             if (at >= text.size()) return false;

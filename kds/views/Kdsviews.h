@@ -384,7 +384,7 @@ private:
     void HandleMeta(TNotification* notification);
     void HandleColumn(TNotification* notification, TKdsColumn* column);
     [[nodiscard]] std::u16string OrderText() const;
-    [[nodiscard]] bool ReadsThrough(const TKdsColumn* column) const;
+    [[nodiscard]] bool ReadsThrough(const TKdsColumn* column) const noexcept;
     void Follow(TNotification* notification);
     [[nodiscard]] TPlace PlaceInserted(TKdsRecord* record);
     [[nodiscard]] TPlace PlaceUpdated(TKdsRecord* record);
@@ -404,7 +404,7 @@ private:
     };
     // Those of the order and the filter, and what reading them reads.
     [[nodiscard]] std::vector<TKdsColumn*> ColumnsRead() const;
-    void CheckExpressions() const;
+    void CheckExpressions();
     [[nodiscard]] std::vector<TSource> Sources() const;
     [[nodiscard]] bool IsFresh() const noexcept;
     void FollowOthers();
@@ -458,11 +458,12 @@ private:
     bool fAsleep = false;    // switched off by a change of its columns; its next use wakes it
     bool fEntering = false;  // being built on its way into the list
     bool fEnds = false;
-    bool fMadeAsDefault = false;      // by the table
-    bool fReadsOthers = false;        // the order shows columns of other tables
-    std::vector<TSource> fSources;    // as of the last time,
-    std::uint64_t fSourcesShape = 0;  // and the shape of what they were found in
-    bool fIsPlain = false;            // of this very class
+    bool fMadeAsDefault = false;            // by the table
+    std::vector<const TKdsColumn*> fReads;  // where there are expressions: as it was built
+    bool fReadsOthers = false;              // the order shows columns of other tables
+    std::vector<TSource> fSources;          // as of the last time,
+    std::uint64_t fSourcesShape = 0;        // and the shape of what they were found in
+    bool fIsPlain = false;                  // of this very class
 };
 
 }  // namespace kds

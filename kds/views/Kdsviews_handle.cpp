@@ -237,17 +237,10 @@ void TKdsView::HandleColumn(TNotification* notification, TKdsColumn* column) {
     SetActive(false);
 }
 
-// Whether an expression stands between the view's columns and this one; or one that compiles no
-// longer, perhaps for want of it.
-bool TKdsView::ReadsThrough(const TKdsColumn* column) const {
-    if (!fActive || !fTable->Columns()->Occurences().Has(coExpression)) return false;
-    try {
-        return std::ranges::any_of(ColumnsRead(), [&](const TKdsColumn* read) {
-            return read == column || read->ExpressionError() != nullptr;
-        });
-    } catch (const std::bad_alloc&) {
-        return true;  // then it is found out when the view is built again
-    }
+// Whether an expression stands between the view's columns and this one. Without memory: it is asked
+// when a change of columns stands already. A view that is not built looks anew when it is.
+bool TKdsView::ReadsThrough(const TKdsColumn* column) const noexcept {
+    return fActual && std::ranges::find(fReads, column) != fReads.end();
 }
 
 // The canonical text of the parsed order, with the columns' names of now.

@@ -84,17 +84,21 @@ void TKdsView::Dismiss() {
     if (!fLocking.Has(vlFilters) || !comesBack) {
         fStorage->Clear();
         fEvaluator = nullptr;
+        fLocking.Set(vlFilters, false);  // whoever is about to build it has no rows to go by
     }
     fStorage->InvalidateCache();
 }
 
 // A column that does not compile any more is told of here.
-void TKdsView::CheckExpressions() const {
+void TKdsView::CheckExpressions() {
+    fReads.clear();
     if (!fTable->Columns()->Occurences().HasAny({coExpression, coReference, coVirtualKey})) return;
     fColumns->CheckPredictable();
-    for (const TKdsColumn* const column : ColumnsRead()) {
+    const std::vector<TKdsColumn*> read = ColumnsRead();
+    for (const TKdsColumn* const column : read) {
         if (column->ExpressionError()) std::rethrow_exception(column->ExpressionError());
     }
+    fReads.assign(read.begin(), read.end());
 }
 
 // `madeNotNull` are the columns that this changes, also when it raises on the way.

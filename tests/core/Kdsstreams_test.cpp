@@ -496,6 +496,37 @@ TEST_F(TKdsStreamLoadTest, UndoesWhatBreaksAKeyWhenTheViewsComeBack) {
     EXPECT_EQ(fTable->Insert({30, u"x"})->RowID(), 10u);
 }
 
+// What a link does while a load is being undone is its own.
+TEST_F(TKdsStreamLoadTest, UndoingLeavesWhatLinksHaveDoneMeanwhile) {
+    struct TBusyLink final : TKdsViewLink {
+        void HandleEvent(TKdsEvent*) override {
+            if (IsDone) return;
+            TKdsTable* const table = View()->Table();
+            try {
+                table->Insert({77, u"new"});
+                IsDone = true;
+                table->Records()->FindRowID(3)->Delete();
+                table->Records()->FindRowID(4)->Delete();
+            } catch (const EKdsError&) {  // while the key cannot be built
+            }
+        }
+        bool IsDone = true;
+    } link;
+    link.SetView(fTable->Select(u"name desc, id"));
+    fOther->Insert({7, u"dup"});
+    link.IsDone = false;
+
+    EXPECT_TRUE(LoadRefusal(fTable, Saved(fOther, false)));
+
+    EXPECT_TRUE(link.IsDone);
+    EXPECT_EQ(fTable->Records()->Count(), 9);
+    EXPECT_NE(fTable->Records()->Find({77}), nullptr);
+    EXPECT_EQ(fTable->Records()->Find({3}), nullptr);
+    EXPECT_EQ(fTable->Records()->Find({20}), nullptr);
+    EXPECT_NE(fTable->Insert({30, u"x"}), nullptr);
+    EXPECT_STREQ(fTable->Inconsistency(), nullptr);
+}
+
 TEST_F(TKdsStreamLoadTest, StopsWhenTheProgressSays) {
     const TBytes bytes = Saved(fOther, false);
     const std::string before = StateOf(fTable);

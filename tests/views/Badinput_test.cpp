@@ -58,7 +58,7 @@ const TMistake Mistakes[] = {
     {"PositionBehind", [](TW& w) { (void)w.ByName->Items(w.ByName->Count()); }},
     {"PositionFarBehind", [](TW& w) { (void)w.Table->Records()->Items(Largest); }},
     {"NoSuchView", [](TW& w) { (void)w.Table->Views()->GetView(u"V"); }},
-    {"ViewAt", [](TW& w) { (void)w.Table->Views()->Items(8); }},
+    {"ViewAt", [](TW& w) { (void)w.Table->Views()->Items(9); }},
     {"DeleteViewAt", [](TW& w) { w.Table->Views()->Delete(-1); }},
     {"MoveRow", [](TW& w) { w.Table->Records()->Move(0, 12); }},
     {"DeleteRowAt", [](TW& w) { w.Table->Records()->Delete(Largest); }},

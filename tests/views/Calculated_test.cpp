@@ -7,7 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "kds/core/Kdsprovider.h"
 #include "kds/kds.h"
+#include "tests/support/Allocfail.h"
 #include "tests/support/Recorder.h"
 
 namespace kds {
@@ -287,6 +289,42 @@ TEST_P(TCalculatedTest, OrdersReadEachValueOnceAndTextsAreCompiledOnce) {
     }
     for (const char16_t* const name : {u"COUNTED", u"FOLDED"}) {
         ExpressionFunctions().Add({name, 1, 1, "*", ekAny, 0, TExprRoutine::Bind<&Refuse>()});
+    }
+}
+
+// What the first pass has put by serves all that follow.
+TEST_P(TCalculatedTest, NeitherFiltersNorCalculationsTakeMemoryForEachRow) {
+    Add(u"Stored", u"Qty * 2 + Boss");
+    Add(u"Read", u"UPPER(Name) || '/' || Stored", Unstored, dtAnsiString);
+    Add(u"Slow", u"LENGTH(Read) + Qty", Delayed);
+    fStaff->Columns()->AddLookup(u"BossName", u"Boss", u"Name");
+    for (int i = 0; i < 300; ++i) {
+        fStaff->Insert(
+            {i, Format(u"name %d", {i % 40}), i % 9 == 8 ? TVariant() : TVariant(i), i / 2});
+    }
+    for (const char16_t* const text : {
+             u"Qty * 2 + Id > 150 AND Name LIKE 'name 1%'",
+             u"Name LIKE '%' || Qty || '_' OR Qty IN (1, 5, Boss, NULL) XOR Id = 4",
+             u"Qty IN (1, 2, 3, 4, 5, 6, 7, 8) OR Name IN ('name 1', 'name 2', 'name 3')",
+             u"REPLACE(UPPER(Name) || Qty, 'A', 'bbb') <> REPEAT(Name, 30)",
+             u"CASE WHEN Qty > 9 THEN SUBSTR(Name, 2) ELSE PADL(Name, 20) END > 'a'",
+             u"ROUND(Qty / 3, 2) * 1.25 < SQRT(Id) + MOD(Id, 7)",
+             u"ADDDAYS(#2024-02-29#, Qty) > #2024-05-01# AND YEAR(ADDMONTHS(#2024-01-31#, Id)) > 1",
+             u"Read LIKE 'NAME%' AND Slow > 20 AND BossName <> 'name 4'",
+         }) {
+        SCOPED_TRACE(ToUtf8(text));
+        const TIntf<IExpressionEvaluator> filter = CompileExpression(fStaff->Columns(), text);
+        int accepted[2] = {};
+        std::int64_t allocations = 0;
+        for (int& count : accepted) {
+            allocations = support::Allocations();
+            for (TKdsRecord* const row : *fStaff->Records()) {
+                count += filter->TestAt({row, erPosted}) > 0 ? 1 : 0;
+            }
+        }
+        EXPECT_EQ(support::Allocations(), allocations);
+        EXPECT_GT(accepted[0], 0);
+        EXPECT_EQ(accepted[1], accepted[0]);
     }
 }
 

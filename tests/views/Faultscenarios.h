@@ -64,6 +64,18 @@ inline std::vector<TVariant> ValuesOf30(TW& w) {
     values[0] = 30;
     return values;
 }
+// A stream of all rows and of two that are gone again.
+inline void SaveTwoMore(TW& w) {
+    for (const int id : {901, 902}) w.Table->Insert(w.Values(id));
+    TMemoryStream stream;
+    w.Table->SaveToStream(stream, /*withStructure=*/false);
+    w.Saved = stream.Bytes();
+    for (const int id : {901, 902}) w.Table->Delete({id});
+}
+inline void LoadSaved(TW& w, TKdsLoadRecordEvent onRecord) {
+    TMemoryStream stream(w.Saved);
+    w.Table->LoadFromStream(stream, onRecord);
+}
 inline void InsertTooLong(TW& w) { w.Table->Insert({901, 902, u"longer than it may be"}); }
 inline void UpsertTooLong(TW& w) { w.Table->Upsert({30, 902, u"longer than it may be"}); }
 inline void FillEmpty(TW& w) { w.Empty->Insert({1, u"b"}); }
@@ -144,6 +156,9 @@ inline const TScenario Scenarios[] = {
     {"EnterLoad", Nothing, [](TW& w) { w.Table->EnterLoad(mtsMassive); }},
     {"LeaveLoad", [](TW& w) { InLoad(w, 901); }, [](TW& w) { w.Table->LeaveLoad(); }},
     {"LeaveLoadDuplicate", [](TW& w) { InLoad(w, 20); }, [](TW& w) { w.Table->LeaveLoad(); }},
+    {"LoadRows", SaveTwoMore,
+     [](TW& w) { LoadSaved(w, TKdsLoadRecordEvent::Bind<&TW::TakeNew>(&w)); }},
+    {"LoadDuplicates", SaveTwoMore, [](TW& w) { LoadSaved(w, nullptr); }},
     {"FirstKey", FillEmpty, [](TW& w) { w.Empty->SetPrimaryKey(u"A"); }},
     {"FirstKeyDuplicate", [](TW& w) { FillEmpty(w), FillEmpty(w); },
      [](TW& w) { w.Empty->SetPrimaryKey(u"A"); }},
@@ -167,6 +182,15 @@ inline const TScenario Scenarios[] = {
     {"OrderByUnknown", Nothing, [](TW& w) { w.ByName->SetOrderBy(u"Name,Nobody"); }},
     {"FilterText", Nothing,
      [](TW& w) { w.ByName->SetFilter(u"Name > 'n1' AND Note LIKE 'x%' OR Qty IN (1, 3, 5)"); }},
+    {"FilterByUnknown", Nothing, [](TW& w) { w.ByName->SetFilter(u"Name > 'n1' AND Nobody"); }},
+    {"NoFilterText", Nothing, [](TW& w) { w.Marked->SetFilter({}); }},
+    {"ExpressionColumn", FillEmpty,
+     [](TW& w) {
+         w.Empty->Columns()->Add(u"C", dtMemoString)->SetExpression(u"B || ' is ' || A");
+     }},
+    {"OtherExpression", Nothing,
+     [](TW& w) { w.Table->Columns()->Items(9)->SetExpression(u"Qty * 50 - IIF(Code > 9, 1, 2)"); }},
+    {"Recalculate", Nothing, [](TW& w) { (void)w.Table->Recalculate(); }},
     {"OnAccept", Nothing, [](TW& w) { w.ByName->SetOnAccept(w.Accepter()); }},
     {"NoAccept", Nothing, [](TW& w) { w.Rich->SetOnAccept(nullptr); }},
     {"OnCompare", Nothing, [](TW& w) { w.ByName->SetOnCompare(w.Comparer()); }},

@@ -20,7 +20,7 @@
 namespace kds::support {
 
 // Where the engine calls the host.
-enum class TSpot { None, Accept, Filter, Compare, Value, Calculate, Deacon, Link, List };
+enum class TSpot { None, Accept, Filter, Compare, Value, Calculate, Function, Deacon, Link, List };
 
 class TFuse {
 public:
@@ -45,6 +45,13 @@ private:
     std::function<void()> fBang;
     bool fBlown = false;
 };
+
+// FUSED(x) is x, by the fuse of the world that there is.
+inline TFuse* FusedFunctions = nullptr;
+inline void Fused(TExprCall& call) {
+    if (FusedFunctions != nullptr) FusedFunctions->Pass(TSpot::Function);
+    call.Answer(call.Arg(0));
+}
 
 // Custom data that compares itself.
 class TTag final : public IInterface, public IKdsComparable {
@@ -168,12 +175,13 @@ public:
     TKdsStore* Store;
     TKdsTable* Table;
     TKdsTable* Empty;
-    TKdsView *Unique, *ByName, *Rich, *Odd, *ByLate, *ByTag, *Plain;
+    TKdsView *Unique, *ByName, *Rich, *Odd, *ByLate, *ByTag, *Plain, *Marked;
     TOwned<TKdsRecord> Loose;  // a detached row
     TKdsStore* Second = nullptr;
     TIntf<TGravedigger> Gravedigger;
     std::vector<std::unique_ptr<TMirror>> Mirrors;
     std::unique_ptr<TKdsAccept> Filter;
+    std::vector<std::byte> Saved;
 
     [[nodiscard]] static std::optional<std::int32_t> Number(TKdsRecord* record, int column) {
         return record->Get<std::int32_t>(record->Table()->Columns()->GetItem(column));
@@ -195,6 +203,10 @@ public:
     void Hide(TKdsView*, TKdsRecord* record, bool& accept) {
         Fuse.Pass(TSpot::Filter);
         accept = Number(record, 0) != 50;
+    }
+    void TakeNew(TKdsTable*, TKdsRecord* record, bool& accept) {
+        Fuse.Pass(TSpot::Accept);
+        accept = Number(record, 0) > 900;
     }
     void Calculate(TKdsColumn* column, TKdsRecord* record, TVariant& value) {
         Fuse.Pass(TSpot::Calculate);
@@ -221,6 +233,9 @@ private:
 };
 
 inline TFaultWorld::TFaultWorld(TKdsTableOptions options) {
+    ExpressionFunctions().Add(
+        {u"FUSED", 1, 1, "*", ekAny, ffTakesNulls, TExprRoutine::Bind<&Fused>()});
+    FusedFunctions = &Fuse;
     Store = TKdsStore::Create(u"Faults");
     Table = Store->Tables()->Add(u"T");
     Table->SetOptions(options);
@@ -234,6 +249,9 @@ inline TFaultWorld::TFaultWorld(TKdsTableOptions options) {
     columns.Add(u"Twice", dtInteger)->SetCalculated(true);
     columns.Add(u"Late", dtInteger)->SetCalculated(true, /*stored=*/false);
     columns.Add(u"Slow", dtInteger)->SetDelayedCalc(true);
+    columns.Add(u"Sum", dtInteger)->SetExpression(u"FUSED(Qty) * 100 + Code");
+    columns.Add(u"Mark", dtAnsiString, 24)->SetCalculated(true, /*stored=*/false);
+    columns.Items(10)->SetExpression(u"UPPER(FUSED(Name)) || '/' || Sum");
     for (int i = 6; i < 9; ++i) {
         columns.Items(i)->SetOnGetValue(TKdsGetValueEvent::Bind<&TFaultWorld::Calculate>(this));
     }
@@ -247,9 +265,12 @@ inline TFaultWorld::TFaultWorld(TKdsTableOptions options) {
     ByLate = Table->Select(u"Late,Slow desc");
     ByTag = Table->Select(u"Tag desc");
     Plain = Table->Select({}, {}, nullptr, true);
+    Marked = Table->Select(u"Mark,Id");
+    Marked->SetFilter(u"FUSED(Sum) > 700 AND Mark LIKE 'N%' OR Qty IS NULL");
     Filter = std::make_unique<TKdsAccept>(
         Table, TKdsAcceptRecordEvent::Bind<&TFaultWorld::Hide>(this), u"Hide 50");
-    for (TKdsView* const view : {Table->PrimaryView(), Unique, ByName, Rich, Odd, ByTag, Plain}) {
+    for (TKdsView* const view :
+         {Table->PrimaryView(), Unique, ByName, Rich, Odd, ByTag, Plain, Marked}) {
         Mirrors.push_back(std::make_unique<TMirror>(&Fuse));
         Mirrors.back()->SetView(view);
     }
@@ -270,6 +291,7 @@ inline TFaultWorld::~TFaultWorld() {
         if (TKdsStore* const store = Stores()->Find(name)) store->Free();
     }
     Mirrors.clear();
+    FusedFunctions = nullptr;
     EXPECT_EQ(TTag::Live, 0);
 }
 
@@ -340,7 +362,10 @@ inline std::string TFaultWorld::ViewText(TKdsView* view) {
 
 inline void TFaultWorld::LookAtTable(TKdsTable* table, bool calculated, TLines& lines) {
     TLines views;
-    for (TKdsView* const view : *table->Views()) views.push_back(ViewText(view));
+    for (TKdsView* const view : *table->Views()) {
+        // What is calculated decides which rows it has.
+        if (view != Marked || calculated) views.push_back(ViewText(view));
+    }
     lines.push_back("table " + ToUtf8(table->Name()) + " key " + ToUtf8(table->GetPrimaryKey()) +
                     " status " + std::to_string(static_cast<int>(table->Status())) + " next " +
                     std::to_string(table->LastRowID()));

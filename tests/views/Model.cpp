@@ -218,11 +218,12 @@ void TModel::MakeView() {
         return record->GetDataI(2) != TVariant(Null) &&
                record->GetDataI(2).Get<std::int32_t>() >= least;
     });
-    const std::u16string_view filters[] = {u"Twice >= %d", u"Late - Id %% 7 >= %d / 2"};
+    const std::u16string_view filters[] = {u"Twice >= %d", u"Late - Id %% 7 >= %d / 2",
+                                           u"NVL(Less * 0, 0) + Fifth + Twice - Id %% 5 >= %d"};
     view.View = least < 0 ? fTable->Select(text, {}, nullptr, true)
                 : Draw(2) == 0
                     ? fTable->SelectA(text, {}, accept, true)
-                    : fTable->Select(text, Format(filters[Draw(2)], {2 * least}), nullptr, true);
+                    : fTable->Select(text, Format(filters[Draw(3)], {2 * least}), nullptr, true);
     if (view.IsCustom) view.View->SetOnCompare(TKdsComparer::Bind<&TModel::CompareCustom>(this));
     if (fListens && Draw(2) == 0) {
         view.Link = std::make_unique<TModelLink>(&fHeard);
@@ -272,6 +273,21 @@ void TModel::Rename() {
     for (const TModelView& view : fViews) view.View->SetActive(true);
 }
 
+// The rows come back in their order and with other identifiers. Open edits would be saved.
+void TModel::Reload() {
+    while (!fEdits.empty()) Cancel();
+    TMemoryStream stream;
+    EXPECT_TRUE(fTable->SaveToStream(stream, Draw(2) == 0));
+    fTable->Clear();
+    stream.Seek(0);
+    EXPECT_EQ(fTable->LoadFromStream(stream).Loaded, Size());
+    TRows rows;
+    for (auto& [rowID, row] : std::exchange(fRows, {})) {
+        rows[fTable->Records()->Items(static_cast<std::int32_t>(rows.size()))->RowID()] = row;
+    }
+    fRows = std::move(rows);
+}
+
 void TModel::Step() {
     const int growth = Size() < fSize ? 42 : 22;
     const int draw = Draw(100);
@@ -286,6 +302,7 @@ void TModel::Step() {
     if (draw < 98) return LoadBracket();
     if (Draw(4) == 0) return fFilter.SetEnabled(!fFilter.Enabled());
     if (Draw(40) == 0) return Rename();
+    if (Draw(12) == 0) return Reload();
     if (fListens) TurnRoutine();
 }
 

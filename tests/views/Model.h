@@ -136,6 +136,7 @@ private:
     void ChangeView();
     void LoadBracket();
     void Rename();
+    void Reload();
     void TurnRoutine();
     void NoteRows(TKdsView* view, bool thorough, TModelNotes& notes);
     void NoteSearches(TKdsView* view, bool thorough, TModelNotes& notes);
