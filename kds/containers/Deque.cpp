@@ -80,6 +80,11 @@ void* TDeque::PopLast() noexcept {
 void TDeque::Insert(std::int32_t index, void* value) {
     if (index < 0 || index > fCount) ListIndexError(index);
     if (fCount == fCapacity) Grow();
+    if (index == fCount) {
+        ++fCount;
+        Put(index, value);
+        return;
+    }
     // The shorter side moves, so an insertion near either end is nearly free.
     if (index >= fCount - index) {
         ShiftTowardTail(index, fCount - index);

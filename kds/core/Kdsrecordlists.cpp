@@ -138,10 +138,19 @@ void TKdsTableRecordList::InsertItem(std::int32_t index, TKdsItem* item, TReleas
     if (record->Table() != fTable || record->Owner() != nullptr) KdsError(u"CannotInsertRecord");
     fTable->CheckNotBusy();
     TKdsChangeBracket bracket(fTable);
-    const TExpressionScope clock;  // one time for the row and all its views
-    fTable->FreshenViews();
     TFirstError errors;
-    {
+    if (fTable->IsUnheard()) {
+        TKdsTravelScope travel(fTable);
+        CheckComing(record);
+        DoInsert(index, record);
+        release(holder);
+        TakeOwnership(record);
+        ConfirmPlace(record, index);
+        errors.Run([&] { record->ConfirmInsert(); });
+        fTable->CountUnheard();
+    } else {
+        const TExpressionScope clock;  // one time for the row and all its views
+        fTable->FreshenViews();
         // The bracket's guard covers both: they are sent without one of their own.
         TKdsTravelScope travel(fTable);
         // In any other state it has no values to go by, and is refused.
@@ -221,12 +230,15 @@ void TKdsTableRecordList::Clear() {
 
 // ---- Notifications ------------------------------------------------------------------------
 
-void TKdsTableRecordList::PassPrepareInsert(TNotification* notification) {
-    auto* const record = static_cast<TKdsRecord*>(notification->Target);
+void TKdsTableRecordList::CheckComing(TKdsRecord* record) {
     if (record->RowID() != NoRowID && HoldsRowID(record->RowID())) {
         KdsError(u"CannotInsertRecord");
     }
     record->PrepareInsert();
+}
+
+void TKdsTableRecordList::PassPrepareInsert(TNotification* notification) {
+    CheckComing(static_cast<TKdsRecord*>(notification->Target));
     TKdsItem::Notify(notification);
 }
 

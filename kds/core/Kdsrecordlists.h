@@ -154,6 +154,7 @@ private:
     void TakeOut(std::int32_t index, TOwned<TKdsRecord>* keeper, bool bury);
     void RemoveDying(TKdsRecord* record);
     [[nodiscard]] bool HoldsRowID(std::uint32_t rowID) const;
+    void CheckComing(TKdsRecord* record);
     void PassPrepareInsert(TNotification* notification);
     void PassConfirmInsert(TNotification* notification, TFirstError& errors);
     void ConfirmPlace(TKdsRecord* record, std::int32_t index);

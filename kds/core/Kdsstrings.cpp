@@ -155,11 +155,30 @@ std::uint32_t SixteenDigits(const char* text) noexcept {
 }
 #endif
 
+// A text of usual size is compared without a call.
+bool SameBytes(const char* a, const char* b, std::size_t size) noexcept {
+#if defined(__SSE2__)
+    constexpr std::size_t step = 16;
+    if (size >= step && size <= 8 * step) {
+        const auto difference = [&](std::size_t at) {
+            return _mm_xor_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(a + at)),
+                                 _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + at)));
+        };
+        __m128i all = difference(size - step);
+        for (std::size_t at = 0; at + step < size; at += step) {
+            all = _mm_or_si128(all, difference(at));
+        }
+        return _mm_movemask_epi8(_mm_cmpeq_epi8(all, _mm_setzero_si128())) == 0xffff;
+    }
+#endif
+    return std::memcmp(a, b, size) == 0;
+}
+
 // QUIRK: texts are compared as far as a zero byte, like C strings. Two texts of one length that
 // differ behind one are the same to the pool when they share a bucket, and the second one reads as
 // the first.
 bool SameAsFarAsZero(const char* a, const char* b, std::size_t size) noexcept {
-    return size == 0 || std::memcmp(a, b, size) == 0 || std::strncmp(a, b, size) == 0;
+    return size == 0 || SameBytes(a, b, size) || std::strncmp(a, b, size) == 0;
 }
 
 // h := h * 31 + byte for each byte.
@@ -187,13 +206,16 @@ std::uint32_t TKdsDictionary::HashOf(const char* text, std::int32_t length) noex
 // The hash modulo the bucket count: the fraction of hash / count, times count. Exact for 32 bits,
 // and far cheaper than a division.
 inline std::size_t TKdsDictionary::BucketOf(const char* text, std::int32_t length) const {
-    if (fBuckets.empty()) throw EDivByZero(u"A dictionary of no buckets");
-    if (fBuckets.size() == 1) return 0;
+    if (fReciprocal == 0) {  // of none and of one
+        if (fBuckets.empty()) throw EDivByZero(u"A dictionary of no buckets");
+        return 0;
+    }
     const std::uint64_t fraction = fReciprocal * HashBytes(text, length);
     return static_cast<std::size_t>((static_cast<TWide>(fraction) * fBuckets.size()) >> 64);
 }
 
-THashItem** TKdsDictionary::Find(const char* text, std::int32_t length) {
+[[gnu::always_inline]] inline THashItem** TKdsDictionary::Locate(const char* text,
+                                                                 std::int32_t length) {
     THashItem** link = &fBuckets[BucketOf(text, length)];
     const auto size = static_cast<std::size_t>(std::max(length, 0));
     for (; *link != nullptr; link = &(*link)->Next) {
@@ -201,6 +223,10 @@ THashItem** TKdsDictionary::Find(const char* text, std::int32_t length) {
         if (key.size() == size && SameAsFarAsZero(key.data(), text, size)) break;
     }
     return link;
+}
+
+THashItem** TKdsDictionary::Find(const char* text, std::int32_t length) {
+    return Locate(text, length);
 }
 
 void TKdsDictionary::Add(const TAnsiString& text) {
@@ -286,7 +312,7 @@ TAnsiString TKdsStringManager::ReferString(const TKdsColumn* column, std::string
     TKdsDictionary* const dictionary = GetDictionary(column);
     if (dictionary == nullptr) return TAnsiString(text);
     const THashItem* const item =
-        *dictionary->Find(text.data(), static_cast<std::int32_t>(text.size()));
+        *dictionary->Locate(text.data(), static_cast<std::int32_t>(text.size()));
     if (item != nullptr) return item->Key;
     TAnsiString made(text);
     dictionary->Add(made);

@@ -102,7 +102,9 @@ public:
     [[nodiscard]] bool IsConsistent() const noexcept;
 
 private:
+    friend class TKdsStringManager;
     [[nodiscard]] std::size_t BucketOf(const char* text, std::int32_t length) const;
+    [[nodiscard]] THashItem** Locate(const char* text, std::int32_t length);
 
     std::vector<THashItem*> fBuckets;
     std::int32_t fCount = 0;

@@ -216,9 +216,14 @@ void TKdsTable::FollowAutoIncrement(TKdsRecord* record) {
 // ---- Notifications ------------------------------------------------------------------------
 
 // Data upwards from the table. A list of tables has no part in them, and in its store they end.
+bool TKdsTable::ClimbsNowhere() const noexcept {
+    return fStore != nullptr && Owner() == fStore->Tables() && fStore->IsPlain();
+}
+
 void TKdsTable::Climb(TNotification* notification) {
+    if (ClimbsNowhere()) return;
     if (fStore != nullptr && Owner() == fStore->Tables()) {
-        if (!fStore->IsPlain()) fStore->Notify(notification);
+        fStore->Notify(notification);
     } else {
         TKdsName::Notify(notification);
     }
@@ -346,6 +351,7 @@ const char* TKdsTable::Inconsistency() const {
     if (!fSwapper->IsConsistent()) return "rows that are out";
     if (fBusy != 0 || fBracket != 0 || fTravels != 0) return "an open change";
     if (fWatch.Known && !(fWatch == LookAtViews())) return "what the views look at";
+    if (fViewsRest == TRest::Yes && !ViewsRest()) return "whether the views rest";
     if (fStagedEvents != 0 || !fEvents.empty()) return "events left over";
     if (!fDead.empty() && MayBury()) return "deleted rows left over";
     if (fChangeDesk != nullptr && !fChangeDesk->IsSettled()) return "change lists left over";

@@ -236,7 +236,10 @@ public:
     }
     void CheckRestructure();
     // What the views look at has changed: which of them care for a post is to be found out anew.
-    void ViewsChanged() noexcept { fWatch.Known = false; }
+    void ViewsChanged() noexcept {
+        fWatch.Known = false;
+        fViewsRest = TRest::Unknown;
+    }
     void LayoutChanged() noexcept;
     // ---- Columns of other tables that look into this one ----
     void ReserveReferrer() { fReferrers.reserve(fReferrers.size() + 1); }
@@ -341,7 +344,10 @@ private:
     void GiveBack(std::byte* buffer) noexcept;
     [[nodiscard]] std::byte* CopyBuffer(const std::byte* source);
     // The delayed columns of this buffer are calculated by the next read.
-    void MarkLate(std::byte* buffer) const noexcept;
+    void MarkLate(std::byte* buffer) const noexcept {
+        if (!Layout().DelayedColumns().empty()) MarkDelayed(buffer);
+    }
+    void MarkDelayed(std::byte* buffer) const noexcept;
     void CompactBuffer(TKdsRecord* record) noexcept;
     void ExpandBuffer(std::byte*& buffer);
     void RetainReferences(const std::byte* buffer) noexcept;
@@ -414,11 +420,25 @@ private:
                fWatch.Known && !fWatch.Followed && fStatus == mtsRegular && fStagedEvents == 0;
     }
     void Climb(TNotification* notification);
+    // Whether nobody would hear of a row that comes in: while a load keeps the views off, in a
+    // store that nobody watches.
+    [[nodiscard]] bool IsUnheard() {
+        if (fStatus != mtsMassive) return false;
+        if (fViewsRest == TRest::Unknown) fViewsRest = ViewsRest() ? TRest::Yes : TRest::No;
+        return fViewsRest == TRest::Yes && ClimbsNowhere();
+    }
+    // No view has rows, and none is of a class of the host's, which may do anything.
+    [[nodiscard]] bool ViewsRest() const noexcept;
+    [[nodiscard]] bool ClimbsNowhere() const noexcept;
     void FreshenReadingViews();
     void FollowMasters();
     [[nodiscard]] const TKdsKeyValues* KeyValuesFor(const TKdsRecord* record) const noexcept;
     void UnresolveReaders() noexcept;
     void CountChange(const TNotification& notification) noexcept;
+    void CountUnheard() noexcept {
+        fVersion = static_cast<std::int32_t>(static_cast<std::uint32_t>(fVersion) + 1);
+        fPosts[++fChangeCount % fPosts.size()] = NoRowID;
+    }
     void CheckUniqueViews(TKdsRecord* record);
     void ReservePlaces(const TKdsRecord* record);
     void ApproachPlaces(const TKdsRecord* record, TKdsApproach way);
@@ -491,6 +511,8 @@ private:
     std::unique_ptr<TKdsChangeDesk> fChangeDesk;
     TKdsColumnMask fChanged;
     TWatch fWatch;
+    enum class TRest : std::uint8_t { Unknown, Yes, No };
+    TRest fViewsRest = TRest::Unknown;
     TKdsRecord* fQuietPost = nullptr;  // while the notification of such a post travels
     std::int32_t fBusy = 0;
     std::int32_t fTravels = 0;

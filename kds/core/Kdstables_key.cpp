@@ -38,6 +38,8 @@ TKdsView* TKdsTable::UsablePrimaryView() {
 }
 
 void TKdsTable::CheckUniqueViews(TKdsRecord* record) {
+    // No view has rows to compare it with.
+    if (fStatus == mtsMassive && fViewsRest == TRest::Yes) return;
     const bool posts = record->RowState() == rsEditing;
     const auto unchanged = [&](const TKdsView* view) {
         return posts && view->IsDistinct() &&
@@ -96,6 +98,13 @@ void TKdsTable::ApproachInFollowed(const TKdsRecord* record, std::int32_t step) 
         if (!view->IsFollowed() || !view->Actual() || view->fRebuilds) continue;
         (void)view->Storage()->Approach(record, TKdsApproach::Leaving, step);
     }
+}
+
+bool TKdsTable::ViewsRest() const noexcept {
+    for (const TKdsView* const view : *fViews) {
+        if (view->Actual() || !view->fIsPlain || view->fRebuilds) return false;
+    }
+    return true;
 }
 
 // Taken together once, so that a post that changes nothing they look at costs the same however

@@ -138,7 +138,7 @@ void TKdsTable::Track(TKdsRecord* record) {
     fDetached.push_back(record);
 }
 
-void TKdsTable::MarkLate(std::byte* buffer) const noexcept {
+void TKdsTable::MarkDelayed(std::byte* buffer) const noexcept {
     for (const std::int32_t column : Layout().DelayedColumns()) {
         StoreRaw(buffer + Layout().Slot(column).StampOffset,
                  static_cast<std::uint32_t>(fVersion) - 1);

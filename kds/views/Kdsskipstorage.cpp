@@ -8,24 +8,19 @@ namespace kds {
 
 // ---- TKdsRowMap ---------------------------------------------------------------------------
 
-void TKdsRowMap::Reserve(std::uint32_t rowID) {
-    const std::size_t page = rowID / PageSize;
+void TKdsRowMap::AddPage(std::size_t page) {
     if (page >= fPages.size()) {
         fPages.reserve(std::max(page + 1, fPages.size() * 2));
         fPages.resize(page + 1);
     }
-    if (fPages[page] != nullptr) return;
     fPages[page] = std::make_unique<TPage>();
     std::ranges::fill(fPages[page]->Entries, None);
 }
 
-void TKdsRowMap::Put(std::uint32_t rowID, std::uint32_t value) noexcept {
-    const std::size_t index = rowID / PageSize;
-    if (index >= fPages.size() || fPages[index] == nullptr) return;
-    TPage& page = *fPages[index];
-    std::uint32_t& entry = page.Entries[rowID % PageSize];
-    if (entry == None) ++page.Live;
-    entry = value;
+void TKdsRowMap::ReserveBelow(std::uint32_t end) {
+    for (std::uint64_t rowID = 0; rowID < end; rowID += PageSize) {
+        Reserve(static_cast<std::uint32_t>(rowID));
+    }
 }
 
 void TKdsRowMap::Remove(std::uint32_t rowID) noexcept {
@@ -159,7 +154,14 @@ void TKdsViewStorageSkip::Cleared() noexcept { fRows.Clear(); }
 // From here on the list tells where its items live; the room for those already in it comes first.
 void TKdsViewStorageSkip::Track() {
     if (fTracks) return;
-    for (void* const item : fRecords.fItems) fRows.Reserve(RecordOf(item)->RowID());
+    const auto count = static_cast<std::uint32_t>(fRecords.fItems.Count());
+    const std::uint32_t end = fOwner->Table()->LastRowID();
+    if (count > 0 && end - count <= count / 8) {
+        // Nearly all rows there ever were are here: no need to look at each.
+        fRows.ReserveBelow(end);
+    } else {
+        for (void* const item : fRecords.fItems) fRows.Reserve(RecordOf(item)->RowID());
+    }
     fRecords.fItems.SetTracker(this);
     fTracks = true;
 }
@@ -223,6 +225,14 @@ void TKdsViewStorageSkip::Sort(TKdsCompareOptions compare, bool) {
     for (void* const item : items) records.push_back(item);
     SortRecords(records, compare);
     items.Assign(records.data(), items.Count());
+}
+
+bool TKdsViewStorageSkip::Build(std::vector<void*>&& records, bool sorts) {
+    DropGuides();
+    InvalidateCache();
+    const bool distinct = sorts && SortRecords(records, {coUseRowID});
+    fRecords.fItems.Assign(records.data(), static_cast<std::int32_t>(records.size()));
+    return distinct;
 }
 
 bool TKdsViewStorageSkip::IsConsistent() {

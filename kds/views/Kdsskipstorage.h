@@ -38,8 +38,19 @@ public:
         return static_cast<std::int32_t>((entry & ((1u << OffsetBits) - 1)) << 1);
     }
     // Room for the row, so that Put cannot fail.
-    void Reserve(std::uint32_t rowID);
-    void Put(std::uint32_t rowID, std::uint32_t entry) noexcept;
+    void Reserve(std::uint32_t rowID) {
+        const std::size_t page = rowID / PageSize;
+        if (page >= fPages.size() || fPages[page] == nullptr) AddPage(page);
+    }
+    void ReserveBelow(std::uint32_t end);  // for all rows before this one
+    void Put(std::uint32_t rowID, std::uint32_t entry) noexcept {
+        const std::size_t index = rowID / PageSize;
+        if (index >= fPages.size() || fPages[index] == nullptr) return;
+        TPage& page = *fPages[index];
+        std::uint32_t& kept = page.Entries[rowID % PageSize];
+        if (kept == None) ++page.Live;
+        kept = entry;
+    }
     void Remove(std::uint32_t rowID) noexcept;
     [[nodiscard]] std::uint32_t Get(std::uint32_t rowID) const noexcept {
         const std::size_t page = rowID / PageSize;
@@ -57,6 +68,8 @@ public:
     void Clear() noexcept { fPages.clear(); }
 
 private:
+    void AddPage(std::size_t page);
+
     static constexpr std::uint32_t PageSize = 1024;
     struct TPage {
         std::uint32_t Live = 0;
@@ -90,6 +103,7 @@ public:
     void Search(TKdsRecord* key, TKdsLocateOptions locate, TKdsCompareOptions compare,
                 std::int32_t& index, bool& found) override;
     void Sort(TKdsCompareOptions compare, bool force) override;
+    bool Build(std::vector<void*>&& records, bool sorts) override;
     void Prepared() override;
     void Reserve(std::uint32_t rowID) override;
     bool Approach(const TKdsRecord* record, TKdsApproach way, std::int32_t step) override;

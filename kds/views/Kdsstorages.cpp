@@ -126,9 +126,11 @@ struct TCopied {
     [[nodiscard]] const std::byte* Values() const noexcept { return Key; }
 };
 
-// Most comparisons are decided by the eight bytes. `make` gives the row at a place.
+// Most comparisons are decided by the eight bytes. `make` gives the row at a place. Answers, when
+// it is to find that out, whether no two rows have equal keys.
 template <typename T, typename F>
-void SortByPrefix(std::vector<void*>& records, const TKdsOrderPlan& plan, F&& make) {
+bool SortByPrefix(std::vector<void*>& records, const TKdsOrderPlan& plan, bool seeksEqual,
+                  F&& make) {
     std::vector<T> rows;
     rows.reserve(records.size());
     const bool hasPrefix = plan.HasPrefix();
@@ -141,29 +143,34 @@ void SortByPrefix(std::vector<void*>& records, const TKdsOrderPlan& plan, F&& ma
         previous = row.Record->RowID();
     }
     const bool decides = plan.PrefixDecides();
+    const auto byKey = [&plan, decides](const T& a, const T& b) -> std::int32_t {
+        if (a.Prefix != b.Prefix) return a.Prefix < b.Prefix ? -1 : 1;
+        if (decides && a.Prefix != ~std::uint64_t{0}) return 0;
+        return plan.Compare(a.Values(), b.Values(), plan.Count(), {});
+    };
     MergeSort(
         rows.data(), static_cast<std::int64_t>(rows.size()),
-        [&plan, decides, ascending](const T& a, const T& b) -> std::int32_t {
-            if (a.Prefix != b.Prefix) return a.Prefix < b.Prefix ? -1 : 1;
-            if (!decides || a.Prefix == ~std::uint64_t{0}) {
-                const std::int32_t order = plan.Compare(a.Values(), b.Values(), plan.Count(), {});
-                if (order != 0) return order;
-            }
+        [&byKey, ascending](const T& a, const T& b) -> std::int32_t {
+            const std::int32_t order = byKey(a, b);
             // The sort is stable: rows that came in the order of their identifiers stay so.
-            if (ascending) return 0;
+            if (order != 0 || ascending) return order;
             return (a.Record->RowID() > b.Record->RowID()) -
                    (a.Record->RowID() < b.Record->RowID());
         },
         0);
     std::ranges::transform(rows, records.begin(), &T::Record);
+    return seeksEqual && std::ranges::adjacent_find(rows, [&byKey](const T& a, const T& b) {
+                             return byKey(a, b) == 0;
+                         }) == rows.end();
 }
 
 // In an order that is calculated on reading, by copies of the keys; false when there can be none.
-bool SortByCopies(std::vector<void*>& records, const TKdsOrderColumnList& columns) {
+bool SortByCopies(std::vector<void*>& records, const TKdsOrderColumnList& columns, bool seeksEqual,
+                  bool& distinct) {
     if (!TKdsSortKeys::CanCopy(columns)) return false;
     TKdsSortKeys keys(columns);
     if (!keys.Read(records)) return false;
-    SortByPrefix<TCopied>(records, keys.Plan(), [&](std::size_t row) {
+    distinct = SortByPrefix<TCopied>(records, keys.Plan(), seeksEqual, [&](std::size_t row) {
         return TCopied{0, static_cast<TKdsRecord*>(records[row]), keys.Key(row)};
     });
     return true;
@@ -171,25 +178,34 @@ bool SortByCopies(std::vector<void*>& records, const TKdsOrderColumnList& column
 
 }  // namespace
 
-void TKdsViewStorage::SortRecords(std::vector<void*>& records, TKdsCompareOptions compare) const {
+bool TKdsViewStorage::Build(std::vector<void*>&& records, bool sorts) {
+    for (void* const record : records) Append(RecordOf(record));
+    if (sorts) Sort({coUseRowID}, false);
+    return false;
+}
+
+bool TKdsViewStorage::SortRecords(std::vector<void*>& records, TKdsCompareOptions compare) const {
     const bool swapped = fOwner->Table()->HasSwapped();
     const bool isVolatile = swapped || IsVolatile(*fOwner);
     TSortSwitch guard(isVolatile);
     if (!isVolatile && fOwner->GetSortMode() == omOrder && fOwner->Columns()->Count() > 0 &&
         compare == TKdsCompareOptions{coUseRowID} && fOwner->Plan().IsPlain()) {
-        SortByPrefix<TPrefixed>(records, fOwner->Plan(), [&](std::size_t row) {
-            return TPrefixed{0, RecordOf(records[row])};
-        });
-        return;
+        return SortByPrefix<TPrefixed>(records, fOwner->Plan(), fOwner->Unique(),
+                                       [&](std::size_t row) {
+                                           return TPrefixed{0, RecordOf(records[row])};
+                                       });
     }
+    bool distinct = false;
     if (isVolatile && !fOwner->OnCompare() && fOwner->GetSortMode() == omOrder &&
-        compare == TKdsCompareOptions{coUseRowID} && SortByCopies(records, *fOwner->Columns())) {
-        return;
+        compare == TKdsCompareOptions{coUseRowID} &&
+        SortByCopies(records, *fOwner->Columns(), fOwner->Unique(), distinct)) {
+        return distinct;
     }
     MergeSort(
         records.data(), static_cast<std::int64_t>(records.size()),
         [&](void* a, void* b) { return fOwner->CompareMembers(RecordOf(a), RecordOf(b), compare); },
         isVolatile ? 1 : 0);
+    return false;
 }
 
 // ---- Enumerators --------------------------------------------------------------------------

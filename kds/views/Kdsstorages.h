@@ -94,6 +94,9 @@ public:
     virtual void Search(TKdsRecord* key, TKdsLocateOptions locate, TKdsCompareOptions compare,
                         std::int32_t& index, bool& found);
     virtual void Sort(TKdsCompareOptions compare, bool force) = 0;
+    // Appends these rows to an empty storage and, with `sorts`, sorts them. Answers whether it
+    // knows that no two rows of a unique view have equal keys.
+    virtual bool Build(std::vector<void*>&& records, bool sorts);
     // After the view has filled and sorted its rows.
     virtual void Prepared() {}
     // Sees to it that placing the row with this identifier needs no memory.
@@ -117,8 +120,8 @@ protected:
     template <typename F>
     std::int32_t CachedFind(TKdsRecord* record, F&& find);
     // The one sort behind every storage: records into the order of the view, stable, on several
-    // threads where their values can be read there.
-    void SortRecords(std::vector<void*>& records, TKdsCompareOptions compare) const;
+    // threads where their values can be read there. Answers as Build does.
+    bool SortRecords(std::vector<void*>& records, TKdsCompareOptions compare) const;
     [[nodiscard]] static TKdsRecord* RecordOf(void* item) noexcept {
         return static_cast<TKdsRecord*>(item);
     }

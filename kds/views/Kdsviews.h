@@ -366,6 +366,7 @@ private:
     void SetNullability(const std::vector<TKdsColumn*>& columns, bool value);
     [[nodiscard]] TKdsView* ReusableView(TKdsIndexMatch& match);
     void Fill(TKdsView* source, TKdsIndexMatch match);
+    [[nodiscard]] bool TakeAll(bool sorts, std::int64_t& filtered);
     void SortRows(bool force);
     void CheckDistinct();
     [[nodiscard]] bool IsInOrder(TKdsCompareOptions options);

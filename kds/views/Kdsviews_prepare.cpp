@@ -37,19 +37,26 @@ void TKdsView::Prepare() {
     TKdsView* const source = ReusableView(match);
     const bool keepsRows = fLocking.Has(vlFilters) && source == nullptr && fSorting == omOrder;
     std::int64_t filtered = 0;
+    bool distinct = false;
     {
         TKdsBusyScope busy(fTable);
         fRebuilds = true;
-        if (!keepsRows) Fill(source, match);
-        filtered = QueryPerformanceCounter();
         bool sorts = fSorting == omOrder || fOnCompare;
+        if (source == nullptr && fSorting == omRowID && fTable->Records()->Order() == rloMixed) {
+            sorts = true;
+        }
+        if (!keepsRows && source == nullptr && !HasTests() && !fTable->Columns()->LooksUp()) {
+            distinct = TakeAll(sorts, filtered);
+            sorts = false;
+        } else {
+            if (!keepsRows) Fill(source, match);
+            filtered = QueryPerformanceCounter();
+        }
         if (source != nullptr) {
             sorts = fColumns->Count() != source->fColumns->Count() || fOnCompare;
             // Backwards, equal keys and nulls stand in the wrong order.
             // Nor is what is calculated read once more to find that out.
             if (!sorts && match == imReverse) sorts = !Plan().IsPlain() || !IsInOrder({coUseRowID});
-        } else if (fSorting == omRowID && fTable->Records()->Order() == rloMixed) {
-            sorts = true;
         }
         fReadsOthers = false;  // now the rows are placed by what is there now
         if (fTable->Columns()->LooksUp()) {
@@ -58,7 +65,8 @@ void TKdsView::Prepare() {
             if (!fSources.empty()) RepairKeys();
         }
         if (sorts && Count() > 1) SortRows(fLocking.Has(vlFilters) || source != nullptr);
-        if (Unique()) CheckDistinct();
+        if (distinct) fDistinct = true;
+        if (Unique() && !distinct) CheckDistinct();
         fRebuilds = false;
         fStorage->Prepared();
     }
@@ -153,6 +161,16 @@ void TKdsView::Fill(TKdsView* source, TKdsIndexMatch match) {
     } else {
         for (std::int32_t i = source->Count() - 1; i >= 0; --i) take(source->ItemAt(i));
     }
+}
+
+// What needs neither test nor repair is sorted before the storage has it.
+bool TKdsView::TakeAll(bool sorts, std::int64_t& filtered) {
+    fStorage->Clear();
+    std::vector<void*> rows;
+    rows.reserve(static_cast<std::size_t>(fTable->Records()->Count()));
+    for (TKdsRecord* const record : *fTable->Records()) rows.push_back(record);
+    filtered = QueryPerformanceCounter();
+    return fStorage->Build(std::move(rows), sorts && rows.size() > 1);
 }
 
 void TKdsView::SortRows(bool force) { fStorage->Sort({coUseRowID}, force); }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -196,6 +197,33 @@ TEST_P(TCalculatedTest, APostIsRefusedAnInsertionStands) {
     Post(inserted, u"Name", u"x");
     EXPECT_EQ(inserted->GetDataC(kept), TVariant(std::int64_t{7}));
     kept->SetOnGetValue(nullptr);
+}
+
+// Whatever kind of exception it is.
+TEST_P(TCalculatedTest, AFunctionOfTheHostThatThrowsIsAnErrorOfItsRow) {
+    auto doubled = [](TExprCall& call) {
+        if (call.Whole(0) > 100) throw std::runtime_error("too large");
+        call.AnswerInteger(call.Whole(0) * 2);
+    };
+    ExpressionFunctions().Add(
+        {u"DOUBLED", 1, 1, "n", ekInteger, 0, TExprRoutine::BindCall(&doubled)});
+    TKdsColumn* const kept = Add(u"Kept", u"DOUBLED(Qty)");
+    TKdsView* const filtered = fStaff->Select(u"Id", u"DOUBLED(Qty) > 10");
+    TKdsRecord* const row = Insert(1, 7);
+    TKdsRecord* const large = Insert(2, 200);
+    EXPECT_EQ(IdsOf(filtered), (TIds{1}));
+    EXPECT_EQ(filtered->FilterErrors(), 1);
+    EXPECT_TRUE(large->GetIsNullC(kept));
+    row->Edit();
+    row->SetDataC(fQty, 300);
+    EXPECT_THROW(row->Post(), std::runtime_error);
+    EXPECT_EQ(row->RowState(), rsEditing);
+    EXPECT_EQ(row->GetOldC(kept), TVariant(std::int64_t{14}));
+    row->SetDataC(fQty, 8);
+    row->Post();
+    EXPECT_EQ(row->GetDataC(kept), TVariant(std::int64_t{16}));
+    EXPECT_EQ(IdsOf(filtered), (TIds{1}));
+    ExpressionFunctions().Add({u"DOUBLED", 1, 1, "n", ekAny, 0, TExprRoutine::Bind<&Refuse>()});
 }
 
 TEST_P(TCalculatedTest, ColumnsThatGoOrGetOtherNamesAreToldOfByTheNextPreparation) {
