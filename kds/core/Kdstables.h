@@ -427,7 +427,8 @@ private:
         if (fViewsRest == TRest::Unknown) fViewsRest = ViewsRest() ? TRest::Yes : TRest::No;
         return fViewsRest == TRest::Yes && ClimbsNowhere();
     }
-    // No view has rows, and none is of a class of the host's, which may do anything.
+    // No view has rows, and neither they nor the table are of a class of the host's, which may do
+    // anything.
     [[nodiscard]] bool ViewsRest() const noexcept;
     [[nodiscard]] bool ClimbsNowhere() const noexcept;
     void FreshenReadingViews();

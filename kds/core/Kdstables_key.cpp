@@ -2,6 +2,7 @@
 #include "kds/core/Kdstables.h"
 
 #include <array>
+#include <typeinfo>
 
 #include "kds/core/Kdserrors.h"
 #include "kds/views/Kdsviewlists.h"
@@ -101,6 +102,7 @@ void TKdsTable::ApproachInFollowed(const TKdsRecord* record, std::int32_t step) 
 }
 
 bool TKdsTable::ViewsRest() const noexcept {
+    if (typeid(*this) != typeid(TKdsTable)) return false;
     for (const TKdsView* const view : *fViews) {
         if (view->Actual() || !view->fIsPlain || view->fRebuilds) return false;
     }

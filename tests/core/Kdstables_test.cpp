@@ -1,6 +1,8 @@
 // Tables: the order of a change's announcements, what is refused, load brackets, observers, ends.
 #include "kds/core/Kdstables.h"
 
+#include <limits>
+
 #include "tests/core/Coretest.h"
 
 namespace kds {
@@ -317,6 +319,19 @@ TEST_F(TKdsTableTest, AnObserverMayTakeItselfOut) {
     EXPECT_EQ(std::ranges::count(fRecorder.Lines, "deacon row0 of 9 0 0"), 2);
     fRows->Items(0)->Delete();
     EXPECT_EQ(std::ranges::count(fRecorder.Lines, "deacon row1 of 8 0 1"), 1);
+}
+
+// Eight bytes of a key decide most comparisons; these two have the same.
+TEST_F(TKdsTableTest, TheLargestNumberStandsBeforeNull) {
+    TKdsColumn* const number = fTable->Columns()->Add(u"number", dtInt64);
+    constexpr auto largest = std::numeric_limits<std::int64_t>::max();
+    for (int i = 0; i < 20; ++i) {
+        fTable->Insert({i, u"n", i % 2 == 0 ? TVariant(Null) : TVariant(largest)});
+    }
+
+    TKdsView* const built = fTable->Select(u"number");
+
+    for (int i = 0; i < 20; ++i) EXPECT_EQ(built->Items(i)->GetIsNullC(number), i >= 10) << i;
 }
 
 }  // namespace

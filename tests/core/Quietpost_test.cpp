@@ -1,4 +1,5 @@
-// Posts that no view cares for skip the views: whoever begins to care must hear the next one.
+// Posts that no view cares for skip the views, and rows that come in while the views are off are
+// told to nobody: whoever begins to care must hear the next one.
 #include "tests/core/Coretest.h"
 
 namespace kds {
@@ -104,6 +105,50 @@ TEST_F(TQuietPostTest, IsHeardByALinkThatComesOnTheWay) {
 
     EXPECT_EQ(fUpdates, 1);
     fOnTheWay.OnNote = nullptr;
+}
+
+// In a store that writes nothing down.
+TEST_F(TQuietPostTest, RowsOfALoadAreHeardOfByWhoeverCares) {
+    TKdsStore* const store = TKdsStore::Create(u"Plain");
+    const auto add = [&](TOwned<TKdsTable>&& made) {
+        TKdsTable* const table = store->Tables()->Add(std::move(made));
+        table->Columns()->Add(u"id", dtInteger);
+        table->SetPrimaryKey(u"id");
+        return table;
+    };
+    const auto insert = [](TKdsTable* table) {
+        table->Insert({table->Records()->Count()});
+        EXPECT_STREQ(table->Inconsistency(), nullptr);
+    };
+    TKdsTable* const table = add(TKdsTable::Create(u"Table"));
+    TKdsView* const descending = table->Select(u"id desc");
+    {
+        TKdsLoad load(table, mtsMassive);
+        insert(table);
+        table->Views()->SetActive(true);
+        for (int rows = 2; rows <= 3; ++rows) {
+            insert(table);
+            EXPECT_EQ(descending->Count(), rows);
+        }
+        load.Leave();
+    }
+    (void)table->SelectEx(u"id", nullptr, {}, nullptr, false, MakeIntf<TViewMaker>(&fRecorder));
+    {
+        TKdsLoad load(table, mtsMassive);
+        fRecorder.Lines.clear();
+        insert(table);
+        EXPECT_EQ(fRecorder.Take().size(), 1u);
+        load.Leave();
+    }
+    TKdsTable* const recording = add(TRecording<TKdsTable>::Create(&fOnTheWay, u"Recording"));
+    {
+        TKdsLoad load(recording, mtsMassive);
+        fOnTheWay.Lines.clear();
+        insert(recording);
+        EXPECT_EQ(fOnTheWay.Take().size(), 2u);
+        load.Leave();
+    }
+    store->Free();
 }
 
 TEST_F(TQuietPostTest, ARowWhoseKeyChangesAfterItsCheckStandsWhereItBelongs) {
