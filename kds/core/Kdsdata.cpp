@@ -529,13 +529,20 @@ void TKdsActiveList::SetActive(bool value) {
     Update();
 }
 
+// Links hear of it when it is over for all: what they change must not meet some items that are as
+// they were.
 void TKdsActiveList::Update() {
     TKdsTravelGuard guard;
+    std::optional<TKdsChangeBracket> bracket;
+    if (fTable != nullptr) bracket.emplace(fTable);
     TFirstError errors;
-    TKdsListCursor cursor(this);
-    while (TKdsItem* const item = cursor.Next()) {
-        errors.Run([&] { static_cast<TKdsActiveItem*>(item)->Update(); });
+    {
+        TKdsListCursor cursor(this);
+        while (TKdsItem* const item = cursor.Next()) {
+            errors.Run([&] { static_cast<TKdsActiveItem*>(item)->Update(); });
+        }
     }
+    if (bracket) bracket->Close(errors);
     errors.Rethrow();
 }
 

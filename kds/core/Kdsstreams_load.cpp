@@ -3,6 +3,7 @@
 #include "kds/core/Kdsstreams.h"
 
 #include <algorithm>
+#include <limits>
 #include <utility>
 
 #include "kds/core/Kdserrors.h"
@@ -483,11 +484,14 @@ void TKdsTableReader::RemoveRows(TFirstError& errors) {
     if (fEndRowID == fFirstRowID || fTable->fLastRowID < fEndRowID) return;
     const bool inBracket = fTable->fLoadLocks > 0;
     if (!inBracket) errors.Run([&] { fTable->EnterLoad(mtsMassive); });
-    if (HasEnded()) return;
-    for (std::int32_t i = rows->Count() - 1; i >= 0; --i) {
+    // Where the views could not be switched off links hear of each row, and may take others away.
+    for (std::int32_t i = std::numeric_limits<std::int32_t>::max(); !HasEnded(); --i) {
+        i = std::min(i, rows->Count() - 1);
+        if (i < 0) break;
         const std::uint32_t id = rows->ItemAt(i)->RowID();
         if (id >= fFirstRowID && id < fEndRowID) errors.Run([&] { rows->Delete(i); });
     }
+    if (HasEnded()) return;
     if (!inBracket) errors.Run([&] { fTable->LeaveLoad(); });
 }
 
