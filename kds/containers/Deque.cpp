@@ -80,14 +80,10 @@ void* TDeque::PopLast() noexcept {
 void TDeque::Insert(std::int32_t index, void* value) {
     if (index < 0 || index > fCount) ListIndexError(index);
     if (fCount == fCapacity) Grow();
-    if (index == fCount) {
-        ++fCount;
-        Put(index, value);
-        return;
-    }
-    // The shorter side moves, so an insertion near either end is nearly free.
+    // The shorter side moves, so an insertion near either end is nearly free, and behind the last
+    // element nothing does.
     if (index >= fCount - index) {
-        ShiftTowardTail(index, fCount - index);
+        if (index < fCount) ShiftTowardTail(index, fCount - index);
     } else {
         fHead = fHead == 0 ? fCapacity - 1 : fHead - 1;
         ShiftTowardHead(1, index);  // the elements before `index` are one further from the new head

@@ -215,15 +215,16 @@ void TKdsTable::FollowAutoIncrement(TKdsRecord* record) {
 
 // ---- Notifications ------------------------------------------------------------------------
 
-// Data upwards from the table. A list of tables has no part in them, and in its store they end.
-bool TKdsTable::ClimbsNowhere() const noexcept {
-    return fStore != nullptr && Owner() == fStore->Tables() && fStore->IsPlain();
+bool TKdsTable::ClimbsNowhere() const noexcept { return IsInStore() && fStore->IsPlain(); }
+
+bool TKdsTable::IsInStore() const noexcept {
+    return fStore != nullptr && Owner() == fStore->Tables();
 }
 
+// Data upwards from the table. A list of tables has no part in them, and in its store they end.
 void TKdsTable::Climb(TNotification* notification) {
-    if (ClimbsNowhere()) return;
-    if (fStore != nullptr && Owner() == fStore->Tables()) {
-        fStore->Notify(notification);
+    if (IsInStore()) {
+        if (!fStore->IsPlain()) fStore->Notify(notification);
     } else {
         TKdsName::Notify(notification);
     }

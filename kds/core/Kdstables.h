@@ -431,6 +431,7 @@ private:
     // anything.
     [[nodiscard]] bool ViewsRest() const noexcept;
     [[nodiscard]] bool ClimbsNowhere() const noexcept;
+    [[nodiscard]] bool IsInStore() const noexcept;
     void FreshenReadingViews();
     void FollowMasters();
     [[nodiscard]] const TKdsKeyValues* KeyValuesFor(const TKdsRecord* record) const noexcept;
